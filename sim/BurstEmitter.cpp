@@ -1,0 +1,74 @@
+#include "BurstEmitter.h"
+
+#include "Trampoline.h"
+
+#include <cstring>
+
+namespace MavixSim {
+
+namespace {
+
+constexpr int eventsASlice = 64;
+constexpr std::uint64_t longestQueue = 512;
+
+} // namespace
+
+TCBurstEmitter::TCBurstEmitter(sd_event* event, sd_bus* bus) : m_bus(bus) {
+    const auto emitSlice = [](sd_event_source*, void* self) {
+        return Guarded([&] { static_cast<TCBurstEmitter*>(self)->m_EmitSlice(); });
+    };
+    // Runs after every other source's turn, that of the draining connection too.
+    const auto wakeUp = [](sd_event_source*, void* self) {
+        return Guarded([&] {
+            auto* emitter = static_cast<TCBurstEmitter*>(self);
+            if (!emitter->m_bursts.empty() && emitter->m_QueueIsShort())
+                Check(sd_event_source_set_enabled(emitter->m_slices.get(), SD_EVENT_ON), "emit slices");
+        });
+    };
+    sd_event_source* source = nullptr;
+    Check(sd_event_add_defer(event, &source, emitSlice, this), "add a source");
+    m_slices.reset(source);
+    Check(sd_event_source_set_enabled(source, SD_EVENT_OFF), "pause a source");
+    Check(sd_event_add_post(event, &source, wakeUp, this), "add a source");
+    m_wakeUp.reset(source);
+}
+
+void TCBurstEmitter::Start(const Event& event, std::uint32_t start, std::uint32_t count,
+                           std::function<void()> done) {
+    m_bursts.push_back({event, start, count, std::move(done)});
+    std::vector<std::uint8_t>& payload = m_bursts.back().event.payload;
+    if (payload.size() < sizeof start)
+        payload.resize(sizeof start);
+    Check(sd_event_source_set_enabled(m_slices.get(), SD_EVENT_ON), "emit slices");
+}
+
+void TCBurstEmitter::EmitOne(sd_bus_message* message) {
+    Check(sd_bus_send(m_bus, message, nullptr), "emit an event");
+    ++m_emitted;
+}
+
+bool TCBurstEmitter::m_QueueIsShort() const {
+    std::uint64_t queued = 0;
+    Check(sd_bus_get_n_queued_write(m_bus, &queued), "ask for the queue");
+    return queued < longestQueue;
+}
+
+void TCBurstEmitter::m_EmitSlice() {
+    for (int i = 0; i < eventsASlice && !m_bursts.empty(); ++i) {
+        Burst& burst = m_bursts.front();
+        if (burst.left > 0) {
+            std::memcpy(burst.event.payload.data(), &burst.next, sizeof burst.next);
+            EmitOne(MakeEvent(m_bus, burst.event).get());
+            ++burst.next;
+            --burst.left;
+            continue;
+        }
+        const std::function<void()> done = std::move(burst.done);
+        m_bursts.pop_front();
+        done();
+    }
+    if (m_bursts.empty() || !m_QueueIsShort())
+        Check(sd_event_source_set_enabled(m_slices.get(), SD_EVENT_OFF), "pause a source");
+}
+
+} // namespace MavixSim

@@ -1,0 +1,52 @@
+#ifndef MAVIX_SIM_RESPONDER_H
+#define MAVIX_SIM_RESPONDER_H
+
+#include "BusNames.h"
+#include "Replies.h"
+
+#include <map>
+#include <utility>
+
+namespace MavixSim {
+
+// Decides what happens to an accepted call, and does it. Owner: the server. One thread.
+class TCResponder final {
+public:
+    TCResponder(sd_event* event, TCTimers& timers, TCBusNames& names)
+        : m_event(event), m_timers(timers), m_names(names) {}
+
+    // `call` borrows from `request`.
+    void Respond(sd_bus_message* request, const Call& call);
+    // Tells on standard error and, where an answer is wanted, by a D-Bus error.
+    void Refuse(sd_bus_message* request, const Call& call, const std::string& reason);
+
+    // Every later answer waits this long.
+    void SetDelay(std::uint32_t milliseconds) { m_delayMs = milliseconds; }
+    // Later calls are treated as calls of the test interface with `parameter` as payload, or with their own
+    // when it is empty. An empty interface stands for all calls that have no rule of their own.
+    void SetReply(const std::string& interface, std::int16_t code, Behaviour behaviour,
+                  std::vector<std::uint8_t> parameter);
+    void ClearReplies() { m_rules.clear(); }
+
+private:
+    struct Rule {
+        Behaviour behaviour;
+        std::vector<std::uint8_t> parameter;
+    };
+    using Key = std::pair<std::string, std::int16_t>;
+
+    // None when the test interface has no such function.
+    std::optional<Rule> m_RuleFor(const Call& call) const;
+    void m_AnswerOrRefuse(sd_bus_message* request, const Call& call, const Rule& rule);
+    void m_Answer(sd_bus_message* request, const Call& call, const Rule& rule);
+
+    sd_event* const m_event;
+    TCTimers& m_timers;
+    TCBusNames& m_names;
+    std::uint32_t m_delayMs = 0;
+    std::map<Key, Rule> m_rules;
+};
+
+} // namespace MavixSim
+
+#endif

@@ -1,0 +1,99 @@
+#include "SimOptions.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <getopt.h>
+
+namespace MavixSim {
+
+namespace {
+
+const char* const usage =
+    "Usage: mavix-sim [OPTION]...\n"
+    "\n"
+    "A stand-in for the Mavix service on the system bus (DBUS_SYSTEM_BUS_ADDRESS): answers calls, emits "
+    "events,\n"
+    "keeps what it was asked. Runs as the processes mavix-daemon and mavix-lite and ends when one of them "
+    "does.\n"
+    "\n"
+    "  --respawn            start a process that has ended anew instead\n"
+    "  --respawn-delay=MS   wait so long before that\n"
+    "  --ready-fd=N         tell readiness on this descriptor instead of standard output\n"
+    "  --no-records         do not keep what was asked\n"
+    "  --serve=ROLE         run only one process, daemon or lite, and do not watch over it\n"
+    "  --help, --version    print this text, the version\n";
+
+enum Option { Respawn = 256, RespawnDelay, ReadyFd, NoRecords, Serve, Help, Version };
+
+const option longOptions[] = {
+    {"respawn", no_argument, nullptr, Respawn},
+    {"respawn-delay", required_argument, nullptr, RespawnDelay},
+    {"ready-fd", required_argument, nullptr, ReadyFd},
+    {"no-records", no_argument, nullptr, NoRecords},
+    {"serve", required_argument, nullptr, Serve},
+    {"help", no_argument, nullptr, Help},
+    {"version", no_argument, nullptr, Version},
+    {nullptr, 0, nullptr, 0},
+};
+
+std::optional<int> ParseNumber(const char* text) {
+    char* end = nullptr;
+    const long value = std::strtol(text, &end, 10);
+    if (end == text || *end != '\0' || value < 0 || value > 1000000)
+        return std::nullopt;
+    return static_cast<int>(value);
+}
+
+// False for a value that the option cannot have.
+bool Apply(int choice, const char* value, SimOptions& options) {
+    switch (choice) {
+    case Respawn:
+        options.respawn = true;
+        return true;
+    case RespawnDelay:
+        options.respawnDelay = std::chrono::milliseconds(ParseNumber(value).value_or(-1));
+        return options.respawnDelay.count() >= 0;
+    case ReadyFd:
+        options.readyDescriptor = ParseNumber(value).value_or(-1);
+        return options.readyDescriptor >= 0;
+    case NoRecords:
+        options.keepRecords = false;
+        return true;
+    case Serve:
+        options.role = FindRole(value);
+        return options.role != nullptr;
+    default:
+        return false;
+    }
+}
+
+} // namespace
+
+std::optional<SimOptions> ParseSimOptions(int argc, char** argv, int& exitCode) {
+    SimOptions options;
+    exitCode = 0;
+    for (int choice = 0; (choice = ::getopt_long(argc, argv, "", longOptions, nullptr)) != -1;) {
+        if (choice == Help) {
+            std::fputs(usage, stdout);
+            return std::nullopt;
+        }
+        if (choice == Version) {
+            std::puts("mavix-sim " MAVIX_VERSION);
+            return std::nullopt;
+        }
+        if (!Apply(choice, optarg, options)) {
+            if (choice != '?')
+                std::fprintf(stderr, "mavix-sim: bad value '%s'\n", optarg);
+            exitCode = 2;
+            return std::nullopt;
+        }
+    }
+    if (optind < argc) {
+        std::fprintf(stderr, "mavix-sim: unexpected argument '%s'\n", argv[optind]);
+        exitCode = 2;
+        return std::nullopt;
+    }
+    return options;
+}
+
+} // namespace MavixSim

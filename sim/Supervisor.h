@@ -1,0 +1,46 @@
+#ifndef MAVIX_SIM_SUPERVISOR_H
+#define MAVIX_SIM_SUPERVISOR_H
+
+#include "ChildProcess.h"
+#include "SimOptions.h"
+
+#include <array>
+
+namespace MavixSim {
+
+// Runs one child process a role, tells when all are ready, and ends or starts them anew when one ends. Owner:
+// main. One thread.
+class TCSupervisor final {
+public:
+    explicit TCSupervisor(const SimOptions& options);
+
+    // Runs until a signal, or until a process ends and is not started anew. The exit code.
+    int Run();
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    struct Child {
+        const Role* role = nullptr;
+        MavixTools::TCChildProcess process;
+        MavixTools::TCDescriptor ready; // readable or at its end when the process is ready or has ended
+        bool isReady = false;
+        Clock::time_point startTime;
+    };
+
+    void m_StartDue();
+    void m_Start(Child& child);
+    int m_PollLimit() const;
+    void m_HandleReady(Child& child);
+    // The exit code when the run ends with this process.
+    std::optional<int> m_HandleEnd(Child& child);
+    void m_TellReady() const;
+
+    const SimOptions m_options;
+    MavixTools::TCDescriptor m_signals;
+    std::array<Child, 2> m_children;
+};
+
+} // namespace MavixSim
+
+#endif

@@ -1,0 +1,148 @@
+#include "Sandbox.h"
+
+#include "Orphans.h"
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <filesystem>
+#include <poll.h>
+#include <stdexcept>
+#include <sys/signalfd.h>
+#include <system_error>
+
+namespace MavixTools {
+
+namespace {
+
+constexpr std::chrono::seconds commandGrace{5};
+
+std::filesystem::path OwnFolder() {
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path();
+}
+
+// Beside ourselves, else whatever PATH gives.
+std::string FindSim() {
+    const std::filesystem::path beside = OwnFolder() / "mavix-sim";
+    return std::filesystem::exists(beside) ? beside.string() : "mavix-sim";
+}
+
+// In the data folder beside our own folder, else where the installation's data folder is, as seen from ours.
+std::string FindPolicy() {
+    for (const char* data : {"../share", MAVIX_DATA_FROM_BIN}) {
+        const std::filesystem::path path = OwnFolder() / data / "dbus-1/system.d/com.norvale.Mavix.conf";
+        if (std::filesystem::exists(path))
+            return path.lexically_normal().string();
+    }
+    throw std::runtime_error("com.norvale.Mavix.conf not found near " + OwnFolder().string());
+}
+
+} // namespace
+
+TCSandbox::TCSandbox(const SandboxOptions& options) : m_options(options) {
+    sigset_t handled;
+    ::sigemptyset(&handled);
+    for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGCHLD})
+        ::sigaddset(&handled, signal);
+    ::sigprocmask(SIG_BLOCK, &handled, &m_originalMask);
+    m_signals = TCDescriptor(::signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!m_signals)
+        throw std::system_error(errno, std::generic_category(), "cannot watch signals");
+    AdoptOrphans();
+}
+
+TCSandbox::~TCSandbox() {
+    EndOrphans(m_ServicePids());
+}
+
+int TCSandbox::Run() {
+    m_StartServices();
+    return m_RunCommand();
+}
+
+void TCSandbox::m_StartServices() {
+    m_bus = std::make_unique<TCBusDaemon>(m_folder.Path(), FindPolicy(), !m_options.showDaemons);
+    m_bus->Start();
+    if (m_options.startSim)
+        m_sim = std::make_unique<TCSimService>(FindSim(), m_options.simOptions, m_bus->Address(),
+                                               !m_options.showDaemons);
+}
+
+int TCSandbox::m_RunCommand() {
+    ChildOptions options;
+    options.program = m_options.command.front();
+    options.arguments.assign(m_options.command.begin() + 1, m_options.command.end());
+    options.environment = {{"DBUS_SYSTEM_BUS_ADDRESS", m_bus->Address()}};
+    options.ownGroup = false;
+    options.signalMask = m_originalMask;
+    try {
+        TCChildProcess command(options);
+        return m_WaitForCommand(command);
+    } catch (const std::system_error& error) {
+        std::fprintf(stderr, "mavix-sandbox: %s\n", error.what());
+        return error.code() == std::errc::no_such_file_or_directory ? 127 : 126;
+    }
+}
+
+int TCSandbox::m_WaitForCommand(TCChildProcess& command) {
+    for (;;) {
+        std::array<pollfd, 2> wanted{pollfd{command.PollDescriptor(), POLLIN, 0},
+                                     pollfd{m_signals.Get(), POLLIN, 0}};
+        int limit = -1;
+        if (m_killTime) {
+            const auto left = *m_killTime - std::chrono::steady_clock::now();
+            limit = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(left).count());
+            limit = limit < 0 ? 0 : limit;
+        }
+        const int ready = ::poll(wanted.data(), wanted.size(), limit);
+        if (ready < 0 && errno != EINTR)
+            throw std::system_error(errno, std::generic_category(), "cannot wait for the command");
+        if (ready == 0)
+            command.Signal(SIGKILL);
+        if (ready == 0 || wanted[0].revents != 0)
+            return ShellStatus(*command.Wait());
+        if (wanted[1].revents != 0)
+            m_HandleSignal(command);
+    }
+}
+
+void TCSandbox::m_HandleSignal(TCChildProcess& command) {
+    signalfd_siginfo info{};
+    if (::read(m_signals.Get(), &info, sizeof info) != sizeof info)
+        return;
+    const int signal = static_cast<int>(info.ssi_signo);
+    if (signal == SIGCHLD) {
+        m_CheckServices();
+        std::vector<pid_t> known = m_ServicePids();
+        known.push_back(command.Pid());
+        CollectOrphans(known);
+        return;
+    }
+    // The terminal sends its signals to the whole group: the command has it and decides what it means.
+    if (info.ssi_code == SI_KERNEL && (signal == SIGINT || signal == SIGQUIT))
+        return;
+    command.Signal(signal);
+    if (!m_killTime)
+        m_killTime = std::chrono::steady_clock::now() + commandGrace;
+}
+
+std::vector<pid_t> TCSandbox::m_ServicePids() const {
+    std::vector<pid_t> pids;
+    if (m_bus)
+        pids.push_back(m_bus->Process().Pid());
+    if (m_sim)
+        pids.push_back(m_sim->Process().Pid());
+    return pids;
+}
+
+void TCSandbox::m_CheckServices() {
+    // A service that ends is the command's to notice; here it is only told.
+    constexpr std::chrono::milliseconds now{0};
+    if (m_bus->Process().Pid() != 0 && m_bus->Process().Wait(now))
+        std::fputs("mavix-sandbox: the bus has ended\n", stderr);
+    if (m_sim && m_sim->Process().Pid() != 0 && m_sim->Process().Wait(now))
+        std::fputs("mavix-sandbox: the stand-in service has ended\n", stderr);
+}
+
+} // namespace MavixTools

@@ -1,0 +1,50 @@
+#ifndef MAVIX_TOOLS_SANDBOX_H
+#define MAVIX_TOOLS_SANDBOX_H
+
+#include "BusDaemon.h"
+#include "SandboxOptions.h"
+#include "SimService.h"
+#include "TempFolder.h"
+
+#include <csignal>
+#include <memory>
+#include <vector>
+
+namespace MavixTools {
+
+// The exit code for failures of the sandbox itself, as of env(1) and timeout(1).
+constexpr int sandboxFailed = 125;
+
+// One run: bus, stand-in service, command. Takes over the process's signals, so there is one a process. The
+// destructor ends what still runs, the command's own left-overs too, and removes the files.
+class TCSandbox final {
+public:
+    explicit TCSandbox(const SandboxOptions& options);
+    TCSandbox(const TCSandbox&) = delete;
+    TCSandbox& operator=(const TCSandbox&) = delete;
+    ~TCSandbox();
+
+    // The command's exit status as a shell reports it. Throws what starting the parts throws.
+    int Run();
+
+private:
+    void m_StartServices();
+    int m_RunCommand();
+    int m_WaitForCommand(TCChildProcess& command);
+    void m_HandleSignal(TCChildProcess& command);
+    std::vector<pid_t> m_ServicePids() const;
+    void m_CheckServices();
+
+    const SandboxOptions m_options;
+    sigset_t m_originalMask{};
+    TCDescriptor m_signals;
+    // The command is killed when it has not ended this long after a signal that asked for it.
+    std::optional<std::chrono::steady_clock::time_point> m_killTime;
+    TCTempFolder m_folder;
+    std::unique_ptr<TCBusDaemon> m_bus;
+    std::unique_ptr<TCSimService> m_sim;
+};
+
+} // namespace MavixTools
+
+#endif

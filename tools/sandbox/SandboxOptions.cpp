@@ -1,0 +1,73 @@
+#include "SandboxOptions.h"
+
+#include "Sandbox.h"
+
+#include <cstdio>
+#include <getopt.h>
+
+namespace MavixTools {
+
+namespace {
+
+const char* const usage =
+    "Usage: mavix-sandbox [OPTION]... [--] COMMAND [ARGUMENT]...\n"
+    "\n"
+    "Runs COMMAND with a private system bus on which a stand-in for the Mavix service answers. Ends both "
+    "and\n"
+    "removes their files afterwards. DBUS_SYSTEM_BUS_ADDRESS names the bus.\n"
+    "\n"
+    "  --no-sim             only the bus, without the stand-in service\n"
+    "  --sim-option=OPTION  hand OPTION to mavix-sim, for example --respawn; may be repeated\n"
+    "  --verbose            show what the bus daemon and the stand-in service print\n"
+    "  --help, --version    print this text, the version\n"
+    "\n"
+    "Exit status: COMMAND's own, 128 and the signal that ended it, 127 when COMMAND is not found, 126 when "
+    "it\n"
+    "cannot be run, 125 when the sandbox itself fails.\n";
+
+enum Option { NoSim = 256, SimOption, Verbose, Help, Version };
+
+const option longOptions[] = {
+    {"no-sim", no_argument, nullptr, NoSim},    {"sim-option", required_argument, nullptr, SimOption},
+    {"verbose", no_argument, nullptr, Verbose}, {"help", no_argument, nullptr, Help},
+    {"version", no_argument, nullptr, Version}, {nullptr, 0, nullptr, 0},
+};
+
+} // namespace
+
+std::optional<SandboxOptions> ParseSandboxOptions(int argc, char** argv, int& exitCode) {
+    SandboxOptions options;
+    exitCode = 0;
+    // The plus sign ends the options at the first word that is none, so that COMMAND keeps its own.
+    for (int choice = 0; (choice = ::getopt_long(argc, argv, "+", longOptions, nullptr)) != -1;) {
+        switch (choice) {
+        case NoSim:
+            options.startSim = false;
+            break;
+        case SimOption:
+            options.simOptions.emplace_back(optarg);
+            break;
+        case Verbose:
+            options.showDaemons = true;
+            break;
+        case Help:
+            std::fputs(usage, stdout);
+            return std::nullopt;
+        case Version:
+            std::puts("mavix-sandbox " MAVIX_VERSION);
+            return std::nullopt;
+        default:
+            exitCode = sandboxFailed;
+            return std::nullopt;
+        }
+    }
+    options.command.assign(argv + optind, argv + argc);
+    if (options.command.empty()) {
+        std::fputs("mavix-sandbox: no command given; see --help\n", stderr);
+        exitCode = sandboxFailed;
+        return std::nullopt;
+    }
+    return options;
+}
+
+} // namespace MavixTools

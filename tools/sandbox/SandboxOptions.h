@@ -1,0 +1,22 @@
+#ifndef MAVIX_TOOLS_SANDBOX_OPTIONS_H
+#define MAVIX_TOOLS_SANDBOX_OPTIONS_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace MavixTools {
+
+struct SandboxOptions {
+    bool startSim = true;
+    bool showDaemons = false;
+    std::vector<std::string> simOptions;
+    std::vector<std::string> command;
+};
+
+// None when the run ends here; `exitCode` is then the process's. Prints help, version and complaints.
+std::optional<SandboxOptions> ParseSandboxOptions(int argc, char** argv, int& exitCode);
+
+} // namespace MavixTools
+
+#endif

@@ -1,0 +1,28 @@
+#ifndef MAVIX_TOOLS_TEMP_FOLDER_H
+#define MAVIX_TOOLS_TEMP_FOLDER_H
+
+#include <string>
+
+namespace MavixTools {
+
+// A private folder under XDG_RUNTIME_DIR, TMPDIR or /tmp, the first that can be written to; removed, with
+// what it holds, by the destructor.
+class TCTempFolder final {
+public:
+    // Throws std::runtime_error when there is no such place.
+    TCTempFolder();
+    TCTempFolder(const TCTempFolder&) = delete;
+    TCTempFolder& operator=(const TCTempFolder&) = delete;
+    ~TCTempFolder();
+
+    const std::string& Path() const { return m_path; }
+    // Lets other users reach the files whose names they know.
+    void OpenToOtherUsers() const;
+
+private:
+    std::string m_path;
+};
+
+} // namespace MavixTools
+
+#endif
