@@ -12,8 +12,7 @@ namespace MavixApiLite {
 // Runs `body` where a C frame calls our C++: whatever it throws is logged once and becomes `failure`. Thread
 // cancellation is let through, because swallowing it would end the process.
 template <class Result, class Body>
-Result GuardedCall(const char* source, const char* function, Result failure, Body&& body)
-{
+Result GuardedCall(const char* source, const char* function, Result failure, Body&& body) {
     try {
         return std::forward<Body>(body)();
     } catch (abi::__forced_unwind&) {
@@ -28,8 +27,7 @@ Result GuardedCall(const char* source, const char* function, Result failure, Bod
 
 // The same for a body without result.
 template <class Body>
-void GuardedRun(const char* source, const char* function, Body&& body)
-{
+void GuardedRun(const char* source, const char* function, Body&& body) {
     GuardedCall(source, function, false, [&body] {
         body();
         return true;

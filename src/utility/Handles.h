@@ -13,8 +13,7 @@ namespace MavixApiLite {
 template <auto Free>
 struct Deleter {
     template <class T>
-    void operator()(T* pointer) const noexcept
-    {
+    void operator()(T* pointer) const noexcept {
         Free(pointer);
     }
 };
@@ -36,25 +35,21 @@ using TextHandle = Handle<char, g_free>;
 
 static_assert(sizeof(MainContextHandle) == sizeof(GMainContext*), "a handle costs no more than a pointer");
 
-inline MainContextHandle RefMainContext(GMainContext* context)
-{
+inline MainContextHandle RefMainContext(GMainContext* context) {
     return MainContextHandle(context != nullptr ? g_main_context_ref(context) : nullptr);
 }
 
-inline AsyncQueueHandle RefAsyncQueue(GAsyncQueue* queue)
-{
+inline AsyncQueueHandle RefAsyncQueue(GAsyncQueue* queue) {
     return AsyncQueueHandle(queue != nullptr ? g_async_queue_ref(queue) : nullptr);
 }
 
 template <class T>
-ObjectHandle<T> RefObject(T* object)
-{
+ObjectHandle<T> RefObject(T* object) {
     return ObjectHandle<T>(object != nullptr ? static_cast<T*>(g_object_ref(object)) : nullptr);
 }
 
 // Turns a floating variant into an owned one.
-inline VariantHandle SinkVariant(GVariant* variant)
-{
+inline VariantHandle SinkVariant(GVariant* variant) {
     return VariantHandle(variant != nullptr ? g_variant_ref_sink(variant) : nullptr);
 }
 
@@ -64,8 +59,7 @@ public:
     FileDescriptor() = default;
     explicit FileDescriptor(int descriptor) : m_descriptor(descriptor) {}
     FileDescriptor(FileDescriptor&& other) noexcept : m_descriptor(other.Release()) {}
-    FileDescriptor& operator=(FileDescriptor&& other) noexcept
-    {
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept {
         if (this != &other) {
             Close();
             m_descriptor = other.Release();
@@ -79,8 +73,7 @@ public:
     int Get() const { return m_descriptor; }
     explicit operator bool() const { return m_descriptor >= 0; }
     int Release() { return std::exchange(m_descriptor, -1); }
-    void Close()
-    {
+    void Close() {
         if (m_descriptor >= 0) {
             ::close(m_descriptor);
             m_descriptor = -1;

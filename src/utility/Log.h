@@ -14,8 +14,7 @@
 namespace MavixApiLite {
 
 // The part of a source's name behind the last slash.
-constexpr const char* SourceBaseName(const char* source)
-{
+constexpr const char* SourceBaseName(const char* source) {
     const char* base = source;
     for (const char* at = source; *at != '\0'; ++at) {
         if (*at == '/') {
