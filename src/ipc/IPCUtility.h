@@ -1,0 +1,28 @@
+#ifndef MAVIX_IPC_UTILITY_H
+#define MAVIX_IPC_UTILITY_H
+
+#include "Export.h"
+
+#include <string>
+
+// The name under which the process was invoked.
+MAVIX_API_EXPORT std::string get_current_process_name();
+
+namespace MavixApiLite {
+
+// Names of processes and connections. All functions may be called from any thread.
+class MAVIX_API_EXPORT TCIPCUtility {
+public:
+    // First element of a process's command line, usually its path; empty, with an error line, when the
+    // process does not exist or has none.
+    static std::string GetProcessName(int pid);
+    // The unique connection name behind a name that GenerateSubConnectionName made; empty when it is none.
+    static std::string ConnectionNameToSenderString(const std::string& name);
+    // The bus name that a client with this unique connection name owns, at most 255 characters:
+    // ":1.234" becomes "com.norvale.Mavix.Signal.mavix1.mavix234".
+    static std::string GenerateSubConnectionName(const std::string& uniqueName);
+};
+
+} // namespace MavixApiLite
+
+#endif

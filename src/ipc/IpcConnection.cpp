@@ -1,0 +1,9 @@
+#include "IpcConnection.h"
+
+namespace MavixApiLite {
+
+TIIpcConnectionOwner::~TIIpcConnectionOwner() = default;
+
+TIIpcConnection::~TIIpcConnection() = default;
+
+} // namespace MavixApiLite
