@@ -1,0 +1,38 @@
+#ifndef MAVIX_IPC_CLIENT_INTERFACE_H
+#define MAVIX_IPC_CLIENT_INTERFACE_H
+
+#include "Export.h"
+#include "IpcTypes.h"
+#include "MessageBuffer.h"
+
+#include <string>
+
+namespace MavixApiLite {
+
+// A client of the service. Every operation may be called from any thread; failures are logged and reported by
+// the result.
+class MAVIX_API_EXPORT TIIpcClient {
+public:
+    virtual ~TIIpcClient();
+
+    // Subscribe to, or no longer receive, events of a type with an id and a handle. Success says that the
+    // request left.
+    virtual bool AddMatchRule(EIPCMessageType type, int id, const MAVIXHandle& handle) = 0;
+    virtual bool RemoveMatchRule(EIPCMessageType type, int id, const MAVIXHandle& handle) = 0;
+    // Calls a function of the service, waits for its result and appends that to `output`.
+    virtual bool Call(const std::string& interfaceName, short functionCode, TCMessageBuffer& input,
+                      TCMessageBuffer& output) = 0;
+    // Calls without waiting for a result.
+    virtual bool CallAsync(const std::string& interfaceName, short functionCode, TCMessageBuffer& input) = 0;
+    // Waits until every bus that serves the interface has an owner. Throws std::logic_error for null.
+    virtual bool WaitForCreateInterface(const char* interfaceName) = 0;
+    // One callback per type; it runs on the thread that iterates the default main context.
+    virtual void SetCallbackFunction(EIPCMessageType type, void (*callback)(int, const char*, int)) = 0;
+    virtual void UnsetCallbackFunction(EIPCMessageType type) = 0;
+    // Whether calls lend the caller's CPU priority to the service. Always true.
+    virtual bool UseBoostingInheritance(bool enable) = 0;
+};
+
+} // namespace MavixApiLite
+
+#endif
