@@ -57,6 +57,12 @@ int ReadScheduling(pid_t thread, Scheduling& scheduling) {
 }
 
 int WriteScheduling(pid_t thread, const Scheduling& scheduling) {
+    if (scheduling.policy == SCHED_IDLE) {
+        // The kernel takes no nice value together with this policy, but keeps the one that was there before.
+        Scheduling nice = scheduling;
+        nice.policy = SCHED_OTHER;
+        ::syscall(SYS_sched_setattr, thread, &nice, 0);
+    }
     return ::syscall(SYS_sched_setattr, thread, &scheduling, 0) == 0 ? 0 : -errno;
 }
 

@@ -24,26 +24,27 @@ struct Release {
 };
 using ErrorHandle = std::unique_ptr<GError, Release>;
 
-// What is absent is a normal answer; what is there and cannot be understood is told.
-int ResultOf(const GError& error, const char* file) {
-    if (g_error_matches(&error, G_FILE_ERROR, G_FILE_ERROR_NOENT) ||
-        g_error_matches(&error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_GROUP_NOT_FOUND) ||
-        g_error_matches(&error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_KEY_NOT_FOUND)) {
-        return -ENOENT;
-    }
+// What is there and cannot be understood is told; what is absent is a normal answer.
+int Refuse(const char* file, const GError& error, int result) {
     MAVIX_HOST_LOG(MAVIX_LOG_WARNING, "HostSystemInfo", "%s: %s", file, error.message);
-    return error.domain == G_FILE_ERROR ? -EIO : -EINVAL;
+    return result;
 }
 
 int ReadFlag(const char* file, const char* key, bool& value) {
     const std::unique_ptr<GKeyFile, Release> keys(g_key_file_new());
     GError* raised = nullptr;
     if (g_key_file_load_from_file(keys.get(), file, G_KEY_FILE_NONE, &raised) == FALSE) {
-        return ResultOf(*ErrorHandle(raised), file);
+        const ErrorHandle error(raised);
+        const bool isAbsent = g_error_matches(raised, G_FILE_ERROR, G_FILE_ERROR_NOENT) != FALSE;
+        return isAbsent ? -ENOENT : Refuse(file, *error, raised->domain == G_FILE_ERROR ? -EIO : -EINVAL);
     }
     const bool read = g_key_file_get_boolean(keys.get(), Group, key, &raised) != FALSE;
     if (raised != nullptr) {
-        return ResultOf(*ErrorHandle(raised), file);
+        const ErrorHandle error(raised);
+        const bool isAbsent =
+            g_error_matches(raised, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_GROUP_NOT_FOUND) != FALSE ||
+            g_error_matches(raised, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_KEY_NOT_FOUND) != FALSE;
+        return isAbsent ? -ENOENT : Refuse(file, *error, -EINVAL);
     }
     value = read;
     return 0;
