@@ -22,13 +22,20 @@ class TCArguments final {
 public:
     explicit TCArguments(sd_bus_message* message) : m_message(message) {}
 
-    // The type of the next argument, for arrays with that of the elements; empty at the end.
+    // The type of the next argument as in a signature; empty at the end.
     std::string NextType() const {
         char type = 0;
         const char* contents = nullptr;
         if (Check(sd_bus_message_peek_type(m_message, &type, &contents), "peek") == 0)
             return "";
-        return std::string(1, type) + Text(contents);
+        switch (type) {
+        case SD_BUS_TYPE_ARRAY:
+            return "a" + Text(contents);
+        case SD_BUS_TYPE_STRUCT:
+            return "(" + Text(contents) + ")";
+        default:
+            return std::string(1, type);
+        }
     }
 
     std::int32_t TakeInt(const char* what) {
