@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
 #include <ostream>
 #include <stdexcept>
 #include <sys/prctl.h>
@@ -10,6 +9,12 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+
+namespace {
+
+constexpr int NotPermitted = -1;
+
+}
 
 std::ostream& operator<<(std::ostream& out, const Sched& sched) {
     return out << "policy " << sched.policy << " nice " << sched.nice << " priority " << sched.priority;
@@ -35,59 +40,48 @@ std::string UniqueName() {
 
 Borrower::Borrower(const std::string& name, const std::vector<Sched>& threads) {
     m_process = std::make_unique<ChildProcess>(Environment{}, [this, &name, &threads] {
-        ::prctl(PR_SET_NAME, name.c_str());
-        const auto live = [this](const Sched& sched) {
-            if (!BecomeSched(sched)) {
-                std::_Exit(1);
-            }
-            m_ready->Give();
+        const auto live = [this](const Sched* sched) {
+            const bool isRight = sched == nullptr || BecomeSched(*sched);
+            m_born.Give(isRight ? ::gettid() : NotPermitted);
             for (;;) {
                 ::pause();
             }
         };
+        ::prctl(PR_SET_NAME, name.c_str());
+        // Before the main thread has its own scheduling, so that the others do not start with it.
         for (std::size_t thread = 1; thread < threads.size(); ++thread) {
-            std::thread(live, threads[thread]).detach();
-            m_more->Await();
+            m_more.Await();
+            std::thread(live, &threads[thread]).detach();
         }
-        if (!BecomeSched(threads.front())) {
-            return 1;
-        }
+        m_more.Await();
+        m_born.Give(BecomeSched(threads.front()) ? ::gettid() : NotPermitted);
         for (;;) {
-            m_ready->Give();
-            m_more->Await();
-            std::thread([] {
-                for (;;) {
-                    ::pause();
-                }
-            }).detach();
+            m_more.Await();
+            std::thread(live, nullptr).detach();
         }
+        return 0;
     });
     for (std::size_t thread = 0; thread < threads.size(); ++thread) {
-        if (!m_ready->Await()) {
-            throw std::runtime_error("the borrowing process did not start");
-        }
-        if (thread + 1 < threads.size()) {
-            m_more->Give();
-        }
+        AddThread();
     }
+    std::rotate(m_threads.begin(), m_threads.end() - 1, m_threads.end());
 }
 
 std::vector<Sched> Borrower::Scheds() const {
-    std::vector<pid_t> threads;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(Pid()) + "/task")) {
-        threads.push_back(std::stoi(task.path().filename()));
-    }
-    std::sort(threads.begin(), threads.end());
     std::vector<Sched> scheds;
-    for (const pid_t thread : threads) {
+    for (const pid_t thread : m_threads) {
         scheds.push_back(SchedOf(thread));
     }
     return scheds;
 }
 
 void Borrower::AddThread() {
-    m_more->Give();
-    m_ready->Await();
+    m_more.Give();
+    const pid_t thread = m_born.Await();
+    if (thread == NotPermitted) {
+        throw std::runtime_error("the borrowing process may not have that scheduling");
+    }
+    m_threads.push_back(thread);
 }
 
 void Borrower::Kill() {

@@ -54,8 +54,9 @@ public:
     void Reap() { m_process.reset(); }
 
 private:
-    const std::unique_ptr<Signal> m_ready = std::make_unique<Signal>();
-    const std::unique_ptr<Signal> m_more = std::make_unique<Signal>();
+    Signal m_born; // given by each thread with its number
+    Signal m_more;
+    std::vector<pid_t> m_threads;
     std::unique_ptr<ChildProcess> m_process;
 };
 

@@ -4,13 +4,22 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <fcntl.h>
+#include <poll.h>
 #include <stdexcept>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
+
+namespace {
+
+constexpr int ThrewException = 99;
+constexpr int PatienceMs = 30000;
+
+} // namespace
 
 ChildProcess::ChildProcess(const Environment& environment, const std::function<int()>& body)
     : m_standardError(::memfd_create("standard-error", MFD_CLOEXEC)) {
@@ -32,7 +41,14 @@ ChildProcess::ChildProcess(const Environment& environment, const std::function<i
             ::setenv(name.c_str(), value.c_str(), 1);
         }
     }
-    std::exit(body());
+    int result = 0;
+    try {
+        result = body();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "child: %s\n", error.what());
+        ::_exit(ThrewException);
+    }
+    std::exit(result);
 }
 
 ChildProcess::~ChildProcess() {
@@ -73,16 +89,17 @@ Signal::~Signal() {
     ::close(m_ends[1]);
 }
 
-void Signal::Give() {
-    if (::write(m_ends[1], "", 1) != 1) {
-        throw std::runtime_error("nobody waits");
+void Signal::Give(int value) {
+    if (::write(m_ends[1], &value, sizeof(value)) != sizeof(value)) {
+        throw std::runtime_error("cannot give a signal");
     }
 }
 
-bool Signal::Await() {
-    char byte = 0;
-    ssize_t length = 0;
-    while ((length = ::read(m_ends[0], &byte, 1)) < 0 && errno == EINTR) {
+int Signal::Await() {
+    int value = 0;
+    pollfd readable{m_ends[0], POLLIN, 0};
+    if (::poll(&readable, 1, PatienceMs) != 1 || ::read(m_ends[0], &value, sizeof(value)) != sizeof(value)) {
+        throw std::runtime_error("the signal did not come");
     }
-    return length == 1;
+    return value;
 }

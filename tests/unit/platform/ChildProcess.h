@@ -43,9 +43,10 @@ public:
     Signal& operator=(const Signal&) = delete;
     ~Signal();
 
-    void Give();
-    // False when all givers are gone.
-    bool Await();
+    // `value` may tell something.
+    void Give(int value = 0);
+    // Throws when it does not come for half a minute.
+    int Await();
 
 private:
     int m_ends[2];
