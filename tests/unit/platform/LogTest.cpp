@@ -7,10 +7,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <memory>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <systemd/sd-journal.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -21,7 +19,6 @@ using testing::HasSubstr;
 namespace {
 
 constexpr const char* Tag = "MAVIX_API";
-constexpr auto Soon = 5s;
 constexpr auto Already = 0ms;
 
 // A journal of our own, and what makes a child log to it. Lines are sent before the child ends, so that
@@ -524,43 +521,6 @@ TEST_F(HostLog, ThreadsMayLogWhileTheProcessExits) {
     while (t_Next(100ms).has_value()) {
     }
     EXPECT_EQ(child.Wait().status, 0);
-}
-
-TEST(MachineJournal, FieldsAreReadBackWhereAJournalRuns) {
-    if (::access("/run/systemd/journal/socket", W_OK) != 0) {
-        GTEST_SKIP() << "no journal runs on this machine (/run/systemd/journal/socket)";
-    }
-    const std::string tag = "MAVIX_TEST_" + std::to_string(::getpid());
-    ASSERT_EQ(RunChild({{"MAVIX_JOURNAL_SOCKET", ""}, {"MAVIX_LOG_LEVEL", ""}},
-                       [&tag] {
-                           return __dlog_print(MAVIX_LOG_ID_MAIN, MAVIX_LOG_ERROR, tag.c_str(),
-                                               "%s: %s(%d) > two\nlines", "Source", "function", 7);
-                       })
-                  .status,
-              0);
-    sd_journal* opened = nullptr;
-    ASSERT_GE(sd_journal_open(&opened, SD_JOURNAL_LOCAL_ONLY), 0);
-    const std::unique_ptr<sd_journal, void (*)(sd_journal*)> journal(opened, sd_journal_close);
-    ASSERT_GE(sd_journal_add_match(opened, ("SYSLOG_IDENTIFIER=" + tag).c_str(), 0), 0);
-    const auto giveUp = std::chrono::steady_clock::now() + Soon;
-    while (sd_journal_next(opened) == 0) {
-        if (std::chrono::steady_clock::now() >= giveUp) {
-            ASSERT_NE(::geteuid(), 0U) << "the line did not reach the journal";
-            GTEST_SKIP() << "the journal that runs on this machine cannot be read by this user";
-        }
-        sd_journal_wait(opened, 100000);
-    }
-    const JournalFields expected{{"MESSAGE", "Source: function(7) > two\nlines"},
-                                 {"PRIORITY", "3"},
-                                 {"CODE_FILE", "Source"},
-                                 {"CODE_FUNC", "function"},
-                                 {"CODE_LINE", "7"}};
-    for (const auto& [name, value] : expected) {
-        const void* data = nullptr;
-        std::size_t length = 0;
-        ASSERT_EQ(sd_journal_get_data(opened, name.c_str(), &data, &length), 0) << name;
-        EXPECT_EQ(std::string(static_cast<const char*>(data), length), name + "=" + value);
-    }
 }
 
 } // namespace
