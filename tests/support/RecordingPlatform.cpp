@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ostream>
+#include <pthread.h>
 #include <unistd.h>
 
 namespace MavixTest {
@@ -45,7 +46,12 @@ std::ostream& operator<<(std::ostream& out, const LogLine& line) {
 
 // Never destroyed: the library logs while the process exits.
 TCRecordingPlatform& TCRecordingPlatform::Get() {
-    static TCRecordingPlatform& platform = *new TCRecordingPlatform;
+    static TCRecordingPlatform& platform = *[] {
+        // A child that is forked while other threads log must be able to log.
+        pthread_atfork([] { Get().m_mutex.lock(); }, [] { Get().m_mutex.unlock(); },
+                       [] { Get().m_mutex.unlock(); });
+        return new TCRecordingPlatform;
+    }();
     return platform;
 }
 

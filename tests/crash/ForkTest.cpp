@@ -1,0 +1,117 @@
+#include "ChildProgram.h"
+#include "IPCConnection_C.h"
+#include "IPCUtility.h"
+#include "PrivateBus.h"
+#include "SimProcess.h"
+#include "TestScale.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+// Processes that fork without exec.
+
+using namespace MavixTest;
+
+namespace {
+
+constexpr const char* interfaceName = "com.norvale.ISimTest";
+constexpr short echo = 0;
+
+bool EchoWorks() {
+    void* output = nullptr;
+    unsigned int length = 0;
+    const bool called = IPCConnection__Call(interfaceName, echo, "fork", 4, &output, &length);
+    const bool right = called && length == 4 && std::memcmp(output, "fork", 4) == 0;
+    IPCConnection__CallDisposeOutputBuffer(output);
+    return right;
+}
+
+// Every entry point that needs the client fails, those that need none work, and none of it takes time.
+bool EverythingFailsAtOnce() {
+    const auto start = std::chrono::steady_clock::now();
+    void* output = &output;
+    unsigned int length = 7;
+    const bool refused =
+        !IPCConnection__Create() && !IPCConnection__Call(interfaceName, echo, "fork", 4, &output, &length) &&
+        output == nullptr && length == 0 && !IPCConnection__CallAsync(interfaceName, echo, "fork", 4) &&
+        !IPCConnection__WaitForCreateInterface(interfaceName) &&
+        !IPCConnection__AddMatchRule(IPC_MESSAGE_DATA, 1, 0, 0) &&
+        !IPCConnection__RemoveMatchRule(IPC_MESSAGE_DATA, 1, 0, 0) &&
+        !IPCConnection__UseBoostingInheritance(1);
+    IPCConnection__SetCallbackFunction(IPC_MESSAGE_DATA, [](int, const char*, int) {});
+    IPCConnection__UnsetCallbackFunction(IPC_MESSAGE_DATA);
+    IPCConnection__Destroy();
+    IPCConnection__CallDisposeOutputBuffer(new char[3]);
+    const bool named = MavixApiLite::TCIPCUtility::GenerateSubConnectionName(":1.42") ==
+                       "com.norvale.Mavix.Signal.mavix1.mavix42";
+    return refused && named && std::chrono::steady_clock::now() - start < std::chrono::seconds(1);
+}
+
+int ExitStatusOf(pid_t child) {
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+} // namespace
+
+// Argument: how many other threads call while the process forks.
+MAVIX_CHILD(ForkAfterUse) {
+    const int threads = std::stoi(arguments.at(0));
+    if (!EchoWorks()) {
+        return 1;
+    }
+    for (int at = 0; at < threads; ++at) {
+        std::thread([] {
+            while (true) {
+                EchoWorks();
+            }
+        }).detach();
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        // Through the exit handlers: they leave the parent's client alone.
+        std::exit(EverythingFailsAtOnce() ? 0 : 2);
+    }
+    const int childStatus = ExitStatusOf(child);
+    if (childStatus != 0) {
+        return 100 + childStatus;
+    }
+    return EchoWorks() ? 0 : 3;
+}
+
+TEST(Fork, AfterUseEverythingInTheChildFailsAtOnceAndTheParentGoesOn) {
+    const TCPrivateBus bus;
+    const TCSimProcess service(bus);
+    for (unsigned int at = 0; at < Scaled(100); ++at) {
+        const std::string threads = std::to_string(at % 2 * 4);
+        const ChildResult result = RunChildProgram("ForkAfterUse", plainFlavour, {threads});
+        ASSERT_EQ(0, result.exitCode) << "threads: " << threads << ", signal " << result.signal << '\n'
+                                      << result.errors;
+        EXPECT_EQ(9U, result.CountLines(
+                          6, "[API_LITE] no client: this process was forked after the client was created"))
+            << result.errors;
+        EXPECT_EQ(std::string::npos, result.errors.find("Assertion failed")) << result.errors;
+    }
+}
+
+MAVIX_CHILD(ForkBeforeUse) {
+    const pid_t child = fork();
+    if (child == 0) {
+        std::exit(EchoWorks() ? 0 : 2);
+    }
+    const bool works = EchoWorks();
+    return ExitStatusOf(child) == 0 && works ? 0 : 1;
+}
+
+TEST(Fork, BeforeTheFirstUseBothProcessesWork) {
+    const TCPrivateBus bus;
+    const TCSimProcess service(bus);
+    const ChildResult result = RunChildProgram("ForkBeforeUse");
+    EXPECT_EQ(0, result.exitCode) << result.errors;
+}
