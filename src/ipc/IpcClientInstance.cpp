@@ -77,31 +77,18 @@ void RegisterHandlersOnce() {
     static_cast<void>(registered);
 }
 
-std::shared_ptr<TCIpcClient> Refuse(const Registry& registry) {
-    MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, "GetInstance", "[API_LITE] no client: %s",
-                 registry.forkedChild ? "this process was forked after the client was created"
-                                      : "the process is exiting");
-    return nullptr;
-}
-
-} // namespace
-
-std::shared_ptr<TIIpcClient> TCIpcClientInstance::GetInstance() {
-    Registry& registry = TheRegistry();
-    // In a forked child the mutex and the counter are in an unknown state.
-    if (registry.forkedChild) {
-        return Refuse(registry);
-    }
+// Empty when the process has begun to exit.
+std::shared_ptr<TCIpcClient> CopyOrCreate(Registry& registry) {
     const ReaderMark mark(registry);
     if (registry.exiting) {
-        return Refuse(registry);
+        return nullptr;
     }
     if (registry.instanceInitialized) {
         return registry.instance;
     }
     const std::lock_guard<std::mutex> lock(registry.instanceMutex);
     if (registry.exiting) {
-        return Refuse(registry);
+        return nullptr;
     }
     if (!registry.instanceInitialized) {
         RegisterHandlersOnce();
@@ -109,6 +96,21 @@ std::shared_ptr<TIIpcClient> TCIpcClientInstance::GetInstance() {
         registry.instanceInitialized.exchange(true);
     }
     return registry.instance;
+}
+
+} // namespace
+
+std::shared_ptr<TIIpcClient> TCIpcClientInstance::GetInstance() {
+    Registry& registry = TheRegistry();
+    // In a forked child the mutex and the counter are in an unknown state. After the exit has begun nobody
+    // comes near the counter again, so that the exit handler is not kept waiting.
+    std::shared_ptr<TCIpcClient> instance = IsGone() ? nullptr : CopyOrCreate(registry);
+    if (!instance) {
+        MAVIX_LOGE("[API_LITE] no client: %s", registry.forkedChild
+                                                   ? "this process was forked after the client was created"
+                                                   : "the process is exiting");
+    }
+    return instance;
 }
 
 bool TCIpcClientInstance::IsGone() {
