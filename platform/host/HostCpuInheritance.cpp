@@ -1,6 +1,5 @@
+#include "HostBorrower.h"
 #include "HostPerProcess.h"
-#include "HostProcess.h"
-#include "HostScheduling.h"
 #include "HostSupport.h"
 
 #include <algorithm>
@@ -15,140 +14,9 @@ namespace MavixPlatformHost {
 
 namespace {
 
-struct Lending {
-    pid_t lender;
-    Scheduling lent;
-    TimePoint until;
-};
-
-struct BorrowingThread {
-    pid_t thread;
-    Scheduling own;
-    Scheduling given;
-};
-
 bool IsSame(const ProcessId& left, const ProcessId& right) {
     return left.pid == right.pid && left.startTicks == right.startTicks;
 }
-
-bool IsWeaker(const Lending& left, const Lending& right) {
-    return left.lent.Rank() < right.lent.Rank();
-}
-
-// A process that is lent to: who lends, and what its threads had of their own. Guarded by its owner's lock.
-class TCBorrower final {
-public:
-    TCBorrower(std::string name, const ProcessId& process) : m_name(std::move(name)), m_process(process) {}
-
-    const std::string& Name() const { return m_name; }
-    const ProcessId& Process() const { return m_process; }
-    bool IsIdle() const { return m_lendings.empty(); }
-
-    // The process ended and was started anew: what is known of its threads went with the old one.
-    void Restarted(const ProcessId& process) {
-        m_process = process;
-        m_threads.clear();
-    }
-
-    int Add(const Lending& lending) {
-        m_lendings.push_back(lending);
-        try {
-            return m_Apply();
-        } catch (const std::bad_alloc&) {
-            m_lendings.pop_back();
-            throw;
-        }
-    }
-
-    // Ends the latest lending of that thread; true if there was one.
-    bool Remove(pid_t lender, int& result) {
-        const auto latest = std::find_if(m_lendings.rbegin(), m_lendings.rend(),
-                                         [lender](const Lending& each) { return each.lender == lender; });
-        if (latest == m_lendings.rend()) {
-            return false;
-        }
-        m_lendings.erase(std::next(latest).base());
-        result = m_Apply();
-        return true;
-    }
-
-    void RemoveExpired(TimePoint now) {
-        const auto kept = std::remove_if(m_lendings.begin(), m_lendings.end(),
-                                         [now](const Lending& each) { return each.until <= now; });
-        if (kept != m_lendings.end()) {
-            m_lendings.erase(kept, m_lendings.end());
-            static_cast<void>(m_Apply());
-        }
-    }
-
-    TimePoint NextExpiry() const {
-        TimePoint next = Never;
-        for (const Lending& lending : m_lendings) {
-            next = std::min(next, lending.until);
-        }
-        return next;
-    }
-
-private:
-    // Gives every thread of the process what the present lendings ask for. The first failure is the result.
-    int m_Apply() {
-        const auto strongest = std::max_element(m_lendings.begin(), m_lendings.end(), IsWeaker);
-        const std::vector<pid_t> running = ThreadsOf(m_process.pid);
-        std::vector<BorrowingThread> threads;
-        threads.reserve(running.size()); // from here on nothing throws, so that no thread stays half raised
-        int result = 0;
-        for (const pid_t thread : running) {
-            BorrowingThread borrowing{thread, {}, {}};
-            if (!m_Recall(borrowing)) {
-                continue;
-            }
-            Scheduling wanted = borrowing.own;
-            if (strongest != m_lendings.end() && strongest->lent.Rank() > wanted.Rank()) {
-                wanted = wanted.RaisedTo(strongest->lent);
-            }
-            const int written = wanted.IsLike(borrowing.given) ? 0 : WriteScheduling(thread, wanted);
-            if (written == 0) {
-                borrowing.given = wanted;
-            } else if (written != -ESRCH && result == 0) {
-                result = written;
-            }
-            threads.push_back(borrowing);
-        }
-        m_threads = std::move(threads);
-        return result;
-    }
-
-    // Fills in what the thread has and what it had of its own; false if it is gone.
-    bool m_Recall(BorrowingThread& borrowing) const {
-        if (ReadScheduling(borrowing.thread, borrowing.given) != 0) {
-            return false;
-        }
-        borrowing.own = borrowing.given;
-        const auto same = std::find_if(m_threads.begin(), m_threads.end(), [&borrowing](const auto& each) {
-            return each.thread == borrowing.thread;
-        });
-        if (same != m_threads.end()) {
-            // A thread that was set back by somebody else since keeps what it was given there.
-            if (borrowing.given.Rank() >= same->given.Rank()) {
-                borrowing.own = same->own;
-            }
-            return true;
-        }
-        // A new thread inherits what its creator was lent at the time.
-        const auto creator = std::find_if(m_threads.begin(), m_threads.end(), [&borrowing](const auto& each) {
-            return !each.own.IsLike(each.given) && each.given.IsLike(borrowing.given);
-        });
-        if (creator != m_threads.end()) {
-            borrowing.own = creator->own;
-        }
-        return true;
-    }
-
-    const std::string m_name;
-    ProcessId m_process;
-    std::vector<Lending> m_lendings;
-    std::vector<BorrowingThread> m_threads;
-};
 
 // All lendings of this process. Its worker ends those whose time is over.
 class TCInheritance final {
@@ -164,10 +32,9 @@ public:
             return -EAGAIN;
         }
         TCBorrower& borrower = m_BorrowerOf(name, process);
-        int result = borrower.Add({lender, lent, until});
+        const int result = borrower.Add({lender, lent, until});
         if (result != 0) {
-            int undone = 0;
-            borrower.Remove(lender, undone);
+            static_cast<void>(borrower.Remove(lender));
         }
         if (borrower.IsIdle()) {
             m_Forget(name);
@@ -187,8 +54,7 @@ public:
             m_borrowers.erase(borrower);
             return 0;
         }
-        int result = 0;
-        (*borrower)->Remove(lender, result);
+        const int result = (*borrower)->Remove(lender);
         if ((*borrower)->IsIdle()) {
             m_borrowers.erase(borrower);
         }

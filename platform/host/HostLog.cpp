@@ -1,4 +1,5 @@
 #include "HostJournal.h"
+#include "HostLogText.h"
 #include "HostSupport.h"
 
 #include <algorithm>
@@ -19,7 +20,6 @@ namespace {
 
 constexpr const char* HostTag = "MAVIX_PLATFORM";
 constexpr const char* DefaultJournal = "/run/systemd/journal/socket";
-constexpr std::size_t MaxTextLength = 64 * 1024 - 1;
 constexpr int Silent = INT_MAX;
 
 struct Level {
@@ -84,87 +84,6 @@ const Settings* CurrentSettings() {
         return read.release();
     }
     return known;
-}
-
-// The formatted text of one line: on the stack, or on the heap when it is long. Never empty-handed: what
-// cannot be formatted is given as its format, what is too long is cut and marked.
-class TCLineText final {
-public:
-    TCLineText(const char* format, va_list arguments) {
-        va_list again;
-        va_copy(again, arguments);
-        const int savedErrno = errno;
-        const int length = std::vsnprintf(m_short, sizeof(m_short), format, arguments);
-        if (length < 0) {
-            m_text = format;
-        } else if (static_cast<std::size_t>(length) < sizeof(m_short)) {
-            m_text = {m_short, static_cast<std::size_t>(length)};
-        } else {
-            errno = savedErrno;
-            m_FormatLong(static_cast<std::size_t>(length), format, again);
-        }
-        va_end(again);
-    }
-    TCLineText(const TCLineText&) = delete;
-    TCLineText& operator=(const TCLineText&) = delete;
-
-    std::string_view Get() const { return m_text; }
-
-private:
-    void m_FormatLong(std::size_t length, const char* format, va_list arguments) {
-        const std::size_t kept = std::min(length, MaxTextLength);
-        m_long.reset(new (std::nothrow) char[kept + 1]);
-        if (!m_long) {
-            m_text = m_Marked(m_short, sizeof(m_short) - 1);
-            return;
-        }
-        if (std::vsnprintf(m_long.get(), kept + 1, format, arguments) < 0) {
-            m_text = format;
-            return;
-        }
-        m_text = length == kept ? std::string_view(m_long.get(), kept) : m_Marked(m_long.get(), kept);
-    }
-
-    // Ends a cut text in dots, without leaving half a UTF-8 character before them.
-    static std::string_view m_Marked(char* text, std::size_t length) {
-        constexpr std::string_view mark = "...";
-        std::size_t end = length - mark.size();
-        while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) {
-            --end;
-        }
-        mark.copy(text + end, mark.size());
-        return {text, end + mark.size()};
-    }
-
-    char m_short[1024];
-    std::unique_ptr<char[]> m_long;
-    std::string_view m_text;
-};
-
-struct SourcePosition {
-    std::string_view file;
-    std::string_view function;
-    std::string_view line;
-};
-
-// Finds "<file>: <function>(<line>) > " at the beginning of a text; what is no such prefix gives empty parts.
-SourcePosition FindPosition(std::string_view text) {
-    const std::size_t fileEnd = text.find(": ");
-    const std::size_t prefixEnd = text.find(") > ");
-    if (fileEnd == std::string_view::npos || prefixEnd == std::string_view::npos || prefixEnd < fileEnd) {
-        return {};
-    }
-    const std::size_t open = text.rfind('(', prefixEnd);
-    if (open == std::string_view::npos || open <= fileEnd + 2) {
-        return {};
-    }
-    const SourcePosition found{text.substr(0, fileEnd), text.substr(fileEnd + 2, open - fileEnd - 2),
-                               text.substr(open + 1, prefixEnd - open - 1)};
-    const bool isPosition = !found.file.empty() && !found.line.empty() &&
-                            found.file.find_first_of(" \t\n") == std::string_view::npos &&
-                            found.function.find('\n') == std::string_view::npos &&
-                            found.line.find_first_not_of("0123456789") == std::string_view::npos;
-    return isPosition ? found : SourcePosition{};
 }
 
 EJournalResult WriteJournal(const Settings& settings, int priority, const char* tag, std::string_view text) {
