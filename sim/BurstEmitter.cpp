@@ -28,6 +28,8 @@ TCBurstEmitter::TCBurstEmitter(sd_event* event, sd_bus* bus) : m_bus(bus) {
     sd_event_source* source = nullptr;
     Check(sd_event_add_defer(event, &source, emitSlice, this), "add a source");
     m_slices.reset(source);
+    // The loop would take a source that is always due before the connection, for it has waited longest.
+    Check(sd_event_source_set_priority(source, SD_EVENT_PRIORITY_NORMAL + 1), "set a priority");
     Check(sd_event_source_set_enabled(source, SD_EVENT_OFF), "pause a source");
     Check(sd_event_add_post(event, &source, wakeUp, this), "add a source");
     m_wakeUp.reset(source);

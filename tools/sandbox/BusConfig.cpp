@@ -50,7 +50,10 @@ const char* const controlPolicies = R"(  <policy user="@USER@">
 
 std::string CurrentUser() {
     const passwd* entry = ::getpwuid(::getuid());
-    return entry != nullptr ? entry->pw_name : std::to_string(::getuid());
+    if (entry == nullptr)
+        throw std::runtime_error("dbus-daemon serves no user without an account, as user " +
+                                 std::to_string(::getuid()) + " is");
+    return entry->pw_name;
 }
 
 std::string ReplaceAll(std::string text, const std::string& what, const std::string& with) {

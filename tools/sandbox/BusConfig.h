@@ -12,7 +12,7 @@ namespace MavixTools {
 std::string BusConfigText(const std::string& socketPath, const std::string& policyPath);
 
 // The text of the shipped policy file, with the current user in the place of the service's. Throws
-// std::runtime_error when the file cannot be read or names no user.
+// std::runtime_error when the file cannot be read or names no user, and when we have no account.
 std::string PolicyForCurrentUser(const std::string& shippedPolicyPath);
 
 } // namespace MavixTools

@@ -1,12 +1,15 @@
 #ifndef MAVIX_TOOLS_TEMP_FOLDER_H
 #define MAVIX_TOOLS_TEMP_FOLDER_H
 
+#include "Descriptor.h"
+
 #include <string>
 
 namespace MavixTools {
 
 // A private folder under XDG_RUNTIME_DIR, TMPDIR or /tmp, the first that can be written to; removed, with
-// what it holds, by the destructor.
+// what it holds, by the destructor. Its owner holds a lock on it, by which the next one there knows, and
+// removes, what a killed process has left.
 class TCTempFolder final {
 public:
     // Throws std::runtime_error when there is no such place.
@@ -21,6 +24,7 @@ public:
 
 private:
     std::string m_path;
+    TCDescriptor m_lock;
 };
 
 } // namespace MavixTools

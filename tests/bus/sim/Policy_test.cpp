@@ -76,8 +76,12 @@ protected:
         bool arrived = false;
         for (;;) {
             const std::optional<RawEvent> event = m_victim->NextEvent();
-            if (!event || event->member == "End")
-                return event && arrived;
+            if (!event) {
+                ADD_FAILURE() << "the end mark got lost";
+                return arrived;
+            }
+            if (event->member == "End")
+                return arrived;
             arrived = arrived || event->member == signal.member;
         }
     }

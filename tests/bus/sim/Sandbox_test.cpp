@@ -150,6 +150,35 @@ TEST_F(Sandbox, ItsProcessesDieWithIt) {
     EXPECT_TRUE(Await([&] { return !AnyRuns(all); }));
 }
 
+// As if nothing had changed in the folder for an hour.
+void Age(const std::string& folder) {
+    std::filesystem::last_write_time(folder,
+                                     std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
+}
+
+TEST_F(Sandbox, RemovesWhatAKilledOneHasLeftAndNothingOfALivingOne) {
+    const auto folderOf = [](const std::string& address) {
+        return std::filesystem::path(address.substr(address.find('=') + 1)).parent_path().string();
+    };
+    TCChildProcess killed = StartWaiting();
+    const std::string killedFolder = folderOf(ReadNote());
+    const std::vector<pid_t> all = Descendants(killed.Pid());
+    std::filesystem::remove(m_note);
+    TCChildProcess living = StartWaiting();
+    const std::string livingFolder = folderOf(ReadNote());
+
+    killed.Signal(SIGKILL);
+    killed.Wait();
+    ASSERT_TRUE(Await([&] { return !AnyRuns(all); }));
+    EXPECT_EQ(Run({"--no-sim", "true"}), 0);
+    EXPECT_TRUE(std::filesystem::exists(killedFolder)) << "too young to be known as left over";
+    Age(killedFolder);
+    Age(livingFolder);
+    EXPECT_EQ(Run({"--no-sim", "true"}), 0);
+    EXPECT_FALSE(std::filesystem::exists(killedFolder));
+    EXPECT_TRUE(std::filesystem::exists(livingFolder));
+}
+
 TEST_F(Sandbox, RunsTheBusAloneOnRequest) {
     TCChildProcess sandbox = StartWaiting({"--no-sim"});
     EXPECT_EQ(Descendants(sandbox.Pid()).size(), 2u);
