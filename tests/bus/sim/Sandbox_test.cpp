@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <pty.h>
+#include <sys/wait.h>
 
 namespace MavixTest {
 
@@ -194,6 +196,24 @@ TEST_F(Sandbox, HandsOptionsToTheService) {
     ::kill(*daemon, SIGKILL);
     TCRawClient client(ReadNote());
     EXPECT_TRUE(Await([&] { return !client.Call(RawCall{}).IsError(); }));
+}
+
+TEST_F(Sandbox, LeavesTheTerminalsInterruptToTheCommand) {
+    const std::string script = "trap 'exit 9' INT; echo ready >" + m_note + "; while :; do sleep 0.05; done";
+    int terminal = -1;
+    const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        ::setenv("XDG_RUNTIME_DIR", m_temporary.Path().c_str(), 1);
+        ::execl(MAVIX_TEST_SANDBOX, "mavix-sandbox", "sh", "-c", script.c_str(), nullptr);
+        ::_exit(1);
+    }
+    const MavixTools::TCDescriptor owned(terminal);
+    EXPECT_TRUE(Await([&] { return ReadNote() == "ready"; }));
+    EXPECT_EQ(::write(terminal, "\x03", 1), 1);
+    int status = 0;
+    EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(ShellStatus(status), 9);
+    EXPECT_TRUE(NothingIsLeft());
 }
 
 TEST_F(Sandbox, TwoRunSideBySide) {
