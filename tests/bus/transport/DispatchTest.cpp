@@ -1,0 +1,190 @@
+#include "DbusBusWrapper.h"
+#include "TransportFixture.h"
+
+#include <atomic>
+#include <stdexcept>
+
+// Incoming messages: who gets them, in which order, and what becomes of those that nobody handles.
+
+namespace MavixTest {
+
+namespace {
+
+using MavixApiLite::DbusBusWrapper;
+using MavixApiLite::TIIpcMessage;
+
+constexpr const char* unknownMethod = "org.freedesktop.DBus.Error.UnknownMethod";
+
+template <class Connection>
+class DispatchTest : public TransportTest<Connection> {
+protected:
+    // A method call of the peer to the connection.
+    RawCall Ask(const char* member = "Ask") {
+        RawCall call;
+        call.destination = this->m_connection->GetUniqueName();
+        call.path = peerPath;
+        call.interface = peerInterface;
+        call.member = member;
+        call.body = [](sd_bus_message*) {};
+        return call;
+    }
+
+    void Emit(const std::string& member) {
+        RawSignal signal;
+        signal.path = peerPath;
+        signal.interface = peerInterface;
+        signal.member = member;
+        signal.destination = this->m_connection->GetUniqueName();
+        m_peer.Emit(signal);
+    }
+
+    TCRawClient m_peer{this->m_bus.Address()};
+};
+
+TYPED_TEST_SUITE(DispatchTest, Transports, TransportNames);
+
+TYPED_TEST(DispatchTest, AMethodCallThatTheOwnerLeavesAloneIsAnsweredWithUnknownMethod) {
+    ASSERT_TRUE(this->Connect(&this->m_owner));
+    const RawReply reply = this->m_peer.Call(this->Ask());
+    const TransportRow& row = TestFixture::Row::row;
+    EXPECT_EQ(unknownMethod, reply.errorName);
+    EXPECT_EQ(row.unknownMethodText, reply.errorText);
+    EXPECT_EQ(std::vector<std::string>{"Ask"}, this->m_owner.Messages());
+    EXPECT_EQ(1U, this->Lines(row.unhandledPriority, row.unhandledLine));
+    EXPECT_EQ(row.readsRequestsAtPushEnd ? 1U : 0U, this->Lines(errorLine, "Pushing not started!"));
+}
+
+TYPED_TEST(DispatchTest, AHandledMethodCallGetsNothingButWhatItsOwnerSends) {
+    this->m_owner.onMessage = [this](TIIpcMessage& message) {
+        const auto reply = this->NewMessage();
+        return reply->InitializeReply(message) && reply->PushString("answer") &&
+               this->m_connection->Send(*reply);
+    };
+    ASSERT_TRUE(this->Connect(&this->m_owner));
+    const RawReply reply = this->m_peer.Call(this->Ask());
+    EXPECT_FALSE(reply.IsError()) << reply.errorName;
+    EXPECT_EQ("s", reply.Signature());
+    EXPECT_EQ(0U, TCRecordingPlatform::Get().Count(TestFixture::Row::row.unhandledLine));
+}
+
+TYPED_TEST(DispatchTest, AHandledCallWithoutAnswerStaysUnanswered) {
+    this->m_owner.onMessage = [](TIIpcMessage&) { return true; };
+    ASSERT_TRUE(this->Connect(&this->m_owner));
+    const RawReply reply = this->m_peer.Call(this->Ask(), std::chrono::milliseconds(200));
+    EXPECT_EQ("org.freedesktop.DBus.Error.Timeout", reply.errorName);
+    EXPECT_EQ(1U, this->m_owner.Messages().size());
+}
+
+TYPED_TEST(DispatchTest, AnUnhandledSignalIsDroppedWithoutAnError) {
+    ASSERT_TRUE(this->Connect(&this->m_owner));
+    this->Emit("Happened");
+    // Answered after the signal was dispatched.
+    this->m_peer.Call(this->Ask());
+    EXPECT_EQ((std::vector<std::string>{"Happened", "Ask"}), this->m_owner.Messages());
+    EXPECT_EQ(1U, TCRecordingPlatform::Get().Count(TestFixture::Row::row.unhandledLine));
+    EXPECT_EQ(0U, TCRecordingPlatform::Get().CountStarting(errorLine, "[API_LITE]"));
+}
+
+TYPED_TEST(DispatchTest, AMethodCallWithoutInterfaceIsAnsweredThoughItsClassificationThrows) {
+    this->m_owner.onMessage = [](TIIpcMessage& message) {
+        return DbusBusWrapper::IsBusMessage(message) != DbusBusWrapper::NotABusMessage;
+    };
+    ASSERT_TRUE(this->Connect(&this->m_owner));
+    RawCall call = this->Ask();
+    call.interface.reset();
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(unknownMethod, this->m_peer.Call(call).errorName);
+    }
+    EXPECT_EQ(3U, TCRecordingPlatform::Get().CountStarting(errorLine, "[API_LITE] exception: "));
+    EXPECT_EQ(unknownMethod, this->m_peer.Call(this->Ask()).errorName);
+    EXPECT_EQ(4U, this->m_owner.Messages().size());
+}
+
+TYPED_TEST(DispatchTest, AnOwnerThatThrowsCountsAsNotHandled) {
+    std::atomic<int> round{0};
+    this->m_owner.onMessage = [&round](TIIpcMessage&) -> bool {
+        if (++round == 1) {
+            throw std::runtime_error("out of order");
+        }
+        if (round == 2) {
+            throw 5;
+        }
+        return false;
+    };
+    ASSERT_TRUE(this->Connect(&this->m_owner));
+    for (int at = 0; at < 3; ++at) {
+        EXPECT_EQ(unknownMethod, this->m_peer.Call(this->Ask()).errorName);
+    }
+    EXPECT_EQ(3, round);
+    EXPECT_EQ(1U, this->Lines(errorLine, "[API_LITE] exception: out of order"));
+    EXPECT_EQ(1U, this->Lines(errorLine, "[API_LITE] exception of unknown type"));
+}
+
+TYPED_TEST(DispatchTest, MessagesComeInTheOrderOfTheBus) {
+    ASSERT_TRUE(this->Connect(&this->m_owner));
+    std::vector<std::string> expected;
+    for (int at = 0; at < 300; ++at) {
+        const std::string member = (at % 3 == 0 ? "Call" : "Signal") + std::to_string(at);
+        if (at % 3 == 0) {
+            RawCall call = this->Ask(member.c_str());
+            call.noReply = at % 2 == 0;
+            this->m_peer.Send(call);
+        } else {
+            this->Emit(member);
+        }
+        expected.push_back(member);
+    }
+    ASSERT_TRUE(this->m_owner.WaitForMessages(expected.size()));
+    EXPECT_EQ(expected, this->m_owner.Messages());
+}
+
+TYPED_TEST(DispatchTest, TheMessagesThatTheOwnerGetsCanBeRead) {
+    std::string text;
+    std::string sender;
+    this->m_owner.onMessage = [&](TIIpcMessage& message) {
+        sender = message.GetSender();
+        return message.PopString(text);
+    };
+    ASSERT_TRUE(this->Connect(&this->m_owner));
+    RawSignal signal;
+    signal.path = peerPath;
+    signal.interface = peerInterface;
+    signal.destination = this->m_connection->GetUniqueName();
+    signal.texts = {"the text"};
+    this->m_peer.Emit(signal);
+    this->m_peer.Emit(signal);
+    ASSERT_TRUE(this->m_owner.WaitForMessages(2));
+    this->m_connection.reset();
+    EXPECT_EQ("the text", text);
+    EXPECT_EQ(this->m_peer.UniqueName(), sender);
+}
+
+TYPED_TEST(DispatchTest, NothingIsDeliveredAfterDestruction) {
+    ASSERT_TRUE(this->Connect(&this->m_owner));
+    this->Emit("Before");
+    ASSERT_TRUE(this->m_owner.WaitForMessages(1));
+    const RawCall call = this->Ask();
+    this->m_connection.reset();
+    EXPECT_TRUE(this->m_peer.Call(call).IsError());
+    EXPECT_EQ(std::vector<std::string>{"Before"}, this->m_owner.Messages());
+}
+
+// Replies are GIO's own business, asked for or not.
+using GdbusDispatchTest = DispatchTest<MavixApiLite::TCGdbusConnection>;
+
+TEST_F(GdbusDispatchTest, RepliesNeverReachTheOwner) {
+    ASSERT_TRUE(Connect(&m_owner));
+    for (const char* member : {"GetId", "NoSuchMember"}) {
+        const auto asked = NewBusCall(member);
+        EXPECT_TRUE(m_connection->SendWithReply(*asked, -1));
+        const auto told = NewBusCall(member);
+        EXPECT_TRUE(m_connection->Send(*told));
+    }
+    // Comes after the replies.
+    m_peer.Call(Ask());
+    EXPECT_EQ(std::vector<std::string>{"Ask"}, m_owner.Messages());
+}
+
+} // namespace
+
+} // namespace MavixTest

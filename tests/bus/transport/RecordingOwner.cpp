@@ -1,0 +1,65 @@
+#include "RecordingOwner.h"
+
+#include <cstring>
+#include <pthread.h>
+
+namespace MavixTest {
+
+using MavixApiLite::TIIpcConnection;
+using MavixApiLite::TIIpcMessage;
+
+namespace {
+
+bool IsSignalOfTheBus(TIIpcMessage& message) {
+    const char* sender = message.GetSender();
+    return sender != nullptr && std::strcmp(sender, "org.freedesktop.DBus") == 0 &&
+           message.GetMember() != nullptr;
+}
+
+} // namespace
+
+bool TCRecordingOwner::InitializeIpcConnection(TIIpcConnection* connection) {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_initialisations;
+    }
+    return !onInitialize || onInitialize(connection);
+}
+
+bool TCRecordingOwner::FilterIpcMessage(TIIpcMessage& message) {
+    if (IsSignalOfTheBus(message)) {
+        return false;
+    }
+    const char* member = message.GetMember();
+    char name[16] = "";
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_threadName = name;
+        m_messages.emplace_back(member != nullptr ? member : noMember);
+        m_changed.notify_all();
+    }
+    return onMessage && onMessage(message);
+}
+
+std::size_t TCRecordingOwner::Initialisations() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_initialisations;
+}
+
+std::vector<std::string> TCRecordingOwner::Messages() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_messages;
+}
+
+std::string TCRecordingOwner::ThreadName() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_threadName;
+}
+
+bool TCRecordingOwner::WaitForMessages(std::size_t count, std::chrono::milliseconds limit) const {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, limit, [&] { return m_messages.size() >= count; });
+}
+
+} // namespace MavixTest

@@ -1,0 +1,160 @@
+#include "TransportFixture.h"
+
+#include <chrono>
+#include <string>
+
+// Messages of the user's own, with and without reply.
+
+namespace MavixTest {
+
+namespace {
+
+using MavixApiLite::TIIpcMessage;
+
+template <class Connection>
+class SendTest : public TransportTest<Connection> {
+protected:
+    SendTest() { EXPECT_TRUE(this->Connect(&this->m_owner)); }
+};
+
+TYPED_TEST_SUITE(SendTest, Transports, TransportNames);
+
+TYPED_TEST(SendTest, TheReplyReplacesTheRequestInTheMessage) {
+    const auto message = this->NewBusCall("GetNameOwner");
+    ASSERT_TRUE(message->PushString("org.freedesktop.DBus"));
+    ASSERT_TRUE(this->m_connection->SendWithReply(*message, -1));
+    TIIpcMessage::IpcMessageType type = TIIpcMessage::MethodReturn;
+    EXPECT_TRUE(message->IsOfType(&type, nullptr, nullptr));
+    EXPECT_EQ(nullptr, message->GetMember());
+    std::string owner;
+    EXPECT_TRUE(message->PopString(owner));
+    EXPECT_EQ("org.freedesktop.DBus", owner);
+}
+
+TYPED_TEST(SendTest, AnErrorReplyIsAReplyToo) {
+    const auto message = this->NewBusCall("NoSuchMember");
+    ASSERT_TRUE(this->m_connection->SendWithReply(*message, -1));
+    TIIpcMessage::IpcMessageType type = TIIpcMessage::Error;
+    EXPECT_TRUE(message->IsOfType(&type, nullptr, nullptr));
+    EXPECT_STREQ("org.freedesktop.DBus.Error.UnknownMethod", message->GetError());
+    EXPECT_EQ(0U, TCRecordingPlatform::Get().CountStarting(errorLine, "[API_LITE]"));
+}
+
+TYPED_TEST(SendTest, ACallToNobodyIsAnsweredWithAnError) {
+    const auto message = this->NewPeerCall("com.norvale.Sim.Nobody");
+    ASSERT_TRUE(this->m_connection->SendWithReply(*message, -1));
+    EXPECT_STREQ("org.freedesktop.DBus.Error.ServiceUnknown", message->GetError());
+}
+
+TYPED_TEST(SendTest, OnlyAMessageWithoutArgumentsSaysThatPushingWasNotStarted) {
+    const auto withArgument = this->NewBusCall("NameHasOwner");
+    ASSERT_TRUE(withArgument->PushString("org.freedesktop.DBus"));
+    EXPECT_TRUE(this->m_connection->SendWithReply(*withArgument, -1));
+    EXPECT_TRUE(this->m_connection->AddMatch("type='signal',member='Unused'"));
+    EXPECT_TRUE(this->m_connection->RequestName("com.norvale.Sim.Own"));
+    EXPECT_EQ(0U, this->Lines(errorLine, "Pushing not started!"));
+    const auto withoutArgument = this->NewBusCall("GetId");
+    EXPECT_TRUE(this->m_connection->SendWithReply(*withoutArgument, -1));
+    EXPECT_EQ(TestFixture::Row::row.readsRequestsAtPushEnd ? 1U : 0U,
+              this->Lines(errorLine, "Pushing not started!"));
+}
+
+TYPED_TEST(SendTest, ACallerMayFinishTheMessageHimself) {
+    const auto message = this->NewBusCall("NameHasOwner");
+    ASSERT_TRUE(message->PushString("org.freedesktop.DBus"));
+    ASSERT_TRUE(message->PushEnd());
+    EXPECT_TRUE(this->m_connection->SendWithReply(*message, -1));
+    bool hasOwner = false;
+    EXPECT_TRUE(message->PopBool(hasOwner));
+    EXPECT_TRUE(hasOwner);
+}
+
+TYPED_TEST(SendTest, AnEmptyMessageIsRefused) {
+    const auto message = this->NewMessage();
+    EXPECT_FALSE(this->m_connection->Send(*message));
+    EXPECT_FALSE(this->m_connection->SendWithReply(*message, 5000));
+    EXPECT_TRUE(this->m_connection->WaitConnected());
+}
+
+TYPED_TEST(SendTest, SendingWithoutReplyDoesNotWait) {
+    TCRawClient mute(this->m_bus.Address());
+    const auto message = this->NewPeerCall(mute.UniqueName());
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(this->m_connection->Send(*message));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+TYPED_TEST(SendTest, RequestsFromTheDispatchThreadAreAnswered) {
+    TCRawClient peer(this->m_bus.Address());
+    this->m_connection = TestFixture::Row::Make();
+    bool hasOwner = false;
+    this->m_owner.onMessage = [&](TIIpcMessage&) {
+        const auto question = this->NewBusCall("GetId");
+        return this->m_connection->SendWithReply(*question, -1) &&
+               this->m_connection->BusHasOwner("org.freedesktop.DBus", 5000, hasOwner);
+    };
+    ASSERT_TRUE(this->Connect(&this->m_owner));
+    RawSignal signal;
+    signal.path = peerPath;
+    signal.interface = peerInterface;
+    signal.destination = this->m_connection->GetUniqueName();
+    peer.Emit(signal);
+    peer.Emit(signal);
+    // The second one is dispatched when the first has been dealt with.
+    ASSERT_TRUE(this->m_owner.WaitForMessages(2));
+    EXPECT_TRUE(hasOwner);
+}
+
+// A message of GIO that has been sent is locked, and so is a reply.
+class GdbusSendTest : public TransportTest<MavixApiLite::TCGdbusConnection> {
+protected:
+    GdbusSendTest() { EXPECT_TRUE(Connect()); }
+};
+
+TEST_F(GdbusSendTest, TheSameMessageIsRefusedTheSecondTime) {
+    const auto message = NewBusCall("GetId");
+    EXPECT_TRUE(m_connection->Send(*message));
+    EXPECT_FALSE(m_connection->Send(*message));
+    EXPECT_FALSE(m_connection->SendWithReply(*message, 5000));
+    EXPECT_STREQ("GetId", message->GetMember());
+    EXPECT_EQ(0U, TCRecordingPlatform::Get().CountStarting(errorLine, "[API_LITE]"));
+}
+
+TEST_F(GdbusSendTest, AReplyIsNotSentOn) {
+    const auto message = NewBusCall("GetId");
+    ASSERT_TRUE(m_connection->SendWithReply(*message, -1));
+    EXPECT_FALSE(m_connection->Send(*message));
+    EXPECT_FALSE(m_connection->SendWithReply(*message, 5000));
+    std::string id;
+    EXPECT_TRUE(message->PopString(id));
+}
+
+TEST_F(GdbusSendTest, ATimeLimitThatPassesLeavesTheRequestInTheMessage) {
+    TCRawClient mute(m_bus.Address());
+    const auto message = NewPeerCall(mute.UniqueName());
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(m_connection->SendWithReply(*message, 150));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(150));
+    EXPECT_EQ(1U, Lines(errorLine, "[API_LITE] send_message_with_reply failed!"));
+    EXPECT_EQ(1U, Lines(errorLine, "[API_LITE] 'Timeout was reached'"));
+    EXPECT_STREQ("Ask", message->GetMember());
+}
+
+TEST_F(GdbusSendTest, AQuestionToTheBusThatIsNotSentSaysSo) {
+    m_bus.Kill();
+    bool hasOwner = true;
+    EXPECT_FALSE(m_connection->BusHasOwner("com.norvale.Sim.Own", 5000, hasOwner));
+    EXPECT_TRUE(hasOwner);
+    EXPECT_EQ(1U, Lines(errorLine, "[API_LITE] send_message_with_reply failed!"));
+    EXPECT_EQ(1U, Lines(errorLine, "[API_LITE] 'The connection is closed'"));
+    EXPECT_EQ(1U, Lines(errorLine, "Send with reply failed!"));
+    EXPECT_FALSE(m_connection->ReleaseName("com.norvale.Sim.Own"));
+    EXPECT_EQ(1U, Lines(errorLine, "No reply!"));
+    const auto message = NewBusCall("GetId");
+    EXPECT_FALSE(m_connection->Send(*message));
+    EXPECT_EQ(1U, Lines(errorLine, "[API_LITE] send_message failed!"));
+}
+
+} // namespace
+
+} // namespace MavixTest
