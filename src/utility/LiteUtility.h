@@ -33,6 +33,8 @@ public:
     static bool IsRelease();
 
 private:
+    friend struct TestAccess;
+
     static bool m_ReadFlag(std::atomic<std::int32_t>& flag, const char* markerFile);
 
     static std::atomic<std::int32_t> m_isDebug;
