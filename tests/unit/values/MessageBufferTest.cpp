@@ -1,14 +1,13 @@
+#include "MessageBuffer.h"
 #include "ChildProgram.h"
 #include "LiteUtility.h"
 #include "MavixAssert.h"
-#include "MessageBuffer.h"
 
 #include <gtest/gtest.h>
 
 using namespace MavixTest;
 
-MAVIX_CHILD(ReadPastTheEnd)
-{
+MAVIX_CHILD(ReadPastTheEnd) {
     MavixApiLite::TCMessageBuffer buffer;
     buffer.PushInt(1);
     buffer.PushChar('a');
@@ -17,14 +16,12 @@ MAVIX_CHILD(ReadPastTheEnd)
     return value;
 }
 
-TEST(MessageBuffer, ReadPastTheEndAborts)
-{
+TEST(MessageBuffer, ReadPastTheEndAborts) {
     const ChildResult result = RunChildProgram("ReadPastTheEnd");
     EXPECT_EQ(SIGABRT, result.signal) << result.errors;
 }
 
-TEST(MessageBuffer, ReadPastTheEndLeavesTheOutputOnARelease)
-{
+TEST(MessageBuffer, ReadPastTheEndLeavesTheOutputOnARelease) {
     if (!CanChooseFlavour()) {
         GTEST_SKIP() << noFlavourReason;
     }
