@@ -17,6 +17,7 @@ namespace {
 
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts)
         pointers.push_back(text.data());
     pointers.push_back(nullptr);
@@ -34,8 +35,10 @@ std::vector<std::string> Environment(const ChildOptions& options) {
         if (!replaced)
             texts.push_back(text);
     }
-    for (const auto& [name, value] : options.environment)
-        texts.push_back(name + "=" + value);
+    for (const auto& [name, value] : options.environment) {
+        std::string& text = texts.emplace_back(name);
+        text.append("=").append(value);
+    }
     return texts;
 }
 

@@ -51,7 +51,7 @@ void EndOrphans(const std::vector<pid_t>& known) {
         // Each end can hand us further orphans, so all that there are now are asked again.
         for (const pid_t pid : orphans)
             ::kill(pid, Clock::now() < killTime ? SIGTERM : SIGKILL);
-        const timespec pause{0, 20 * 1000 * 1000};
+        const timespec pause{0, 20'000'000};
         ::sigtimedwait(&childEnded, nullptr, &pause);
     }
 }
