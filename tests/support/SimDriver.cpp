@@ -12,7 +12,7 @@ using MavixSim::MessageHandle;
 namespace {
 
 // Generous, for sanitizer builds on busy machines.
-constexpr std::uint64_t callLimitUs = 120u * 1000 * 1000;
+constexpr std::uint64_t callLimitUs = 120'000'000;
 constexpr std::chrono::milliseconds recordsPause{2};
 
 template <class... Values>
