@@ -18,6 +18,18 @@ bool IsValid(gboolean (*isValid)(const gchar*), const char* text) {
     return text != nullptr && isValid(text) != FALSE;
 }
 
+// GIO does not know the limit of their length.
+gboolean IsMemberName(const gchar* text) {
+    constexpr std::size_t longestName = 255;
+    return g_dbus_is_member_name(text) != FALSE && std::strlen(text) <= longestName ? TRUE : FALSE;
+}
+
+// A call that was never sent has no number that a reply could name.
+bool CanBeAnswered(GDBusMessage* message) {
+    return g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_METHOD_CALL &&
+           g_dbus_message_get_serial(message) != 0;
+}
+
 bool IsUtf8(const char* text, std::size_t size) {
     return g_utf8_validate(text, static_cast<gssize>(size), nullptr) != FALSE;
 }
@@ -76,7 +88,7 @@ bool TCGdbusMessage::Initialize(IpcMessageType type, const char* destination, co
                                 const char* interface, const char* member) {
     m_Cleanup();
     const bool valid = IsNullOr(g_dbus_is_name, destination) && IsValid(g_variant_is_object_path, path) &&
-                       IsValid(g_dbus_is_member_name, member);
+                       IsValid(IsMemberName, member);
     if (type == Signal && valid && IsValid(g_dbus_is_interface_name, interface)) {
         m_rawMessage.reset(g_dbus_message_new_signal(path, interface, member));
         if (destination != nullptr) {
@@ -100,8 +112,7 @@ bool TCGdbusMessage::InitializeErrorReply(TIIpcMessage& request, const char* err
         return false;
     }
     ObjectHandle<GDBusMessage> reply;
-    if (g_dbus_message_get_message_type(raw) == G_DBUS_MESSAGE_TYPE_METHOD_CALL &&
-        IsValid(g_dbus_is_name, errorName) && errorMessage != nullptr &&
+    if (CanBeAnswered(raw) && IsValid(g_dbus_is_error_name, errorName) && errorMessage != nullptr &&
         IsUtf8(errorMessage, std::strlen(errorMessage))) {
         reply.reset(g_dbus_message_new_method_error_literal(raw, errorName, errorMessage));
     }
@@ -115,7 +126,7 @@ bool TCGdbusMessage::InitializeReply(TIIpcMessage& request) {
         return false;
     }
     ObjectHandle<GDBusMessage> reply;
-    if (g_dbus_message_get_message_type(raw) == G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
+    if (CanBeAnswered(raw)) {
         reply.reset(g_dbus_message_new_method_reply(raw));
     }
     return m_AdoptReply(std::move(reply), __FUNCTION__);
