@@ -61,10 +61,7 @@ bool TCMessageBuffer::PushConcatenated(unsigned long size, const void* data) {
     if (size == 0 || data == nullptr) {
         return true;
     }
-    // Before the range is formed: a pointer must not be moved by more than any array can hold.
-    if (size > m_bufferData.max_size() - m_bufferData.size()) {
-        throw std::length_error("TCMessageBuffer::PushConcatenated");
-    }
+    m_RequireRoomFor(size);
     const char* bytes = static_cast<const char*>(data);
     m_bufferData.insert(m_bufferData.end(), bytes, bytes + size);
     return true;
@@ -165,6 +162,13 @@ void TCMessageBuffer::Print() {
     std::printf("\n m_bufferData.size = %zu\n", m_bufferData.size());
 }
 
+// Before the sum of both sizes or the end of the bytes is formed: either may wrap.
+void TCMessageBuffer::m_RequireRoomFor(std::size_t width) const {
+    if (width > m_bufferData.max_size() - m_bufferData.size()) {
+        throw std::length_error("TCMessageBuffer: too many bytes");
+    }
+}
+
 void TCMessageBuffer::m_PushBytes(const void* value, std::size_t width) {
     const std::size_t position = m_bufferData.size();
     m_bufferData.resize(position + width);
@@ -172,6 +176,7 @@ void TCMessageBuffer::m_PushBytes(const void* value, std::size_t width) {
 }
 
 void TCMessageBuffer::m_InsertBytes(const void* value, std::size_t width, std::size_t position) {
+    m_RequireRoomFor(width);
     const std::size_t oldSize = m_bufferData.size();
     m_bufferData.resize(oldSize + width);
     char* at = m_bufferData.data() + position;

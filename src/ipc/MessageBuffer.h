@@ -79,6 +79,7 @@ public:
 private:
     friend struct TestAccess;
 
+    void m_RequireRoomFor(std::size_t width) const;
     void m_PushBytes(const void* value, std::size_t width);
     void m_InsertBytes(const void* value, std::size_t width, std::size_t position);
     std::size_t m_InsertPosition(int offset) const;
