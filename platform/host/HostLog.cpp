@@ -157,7 +157,8 @@ void WriteCounted(std::atomic<unsigned>& dropped, const char* reader, const char
     }
 }
 
-void Print(int priority, const char* tag, const char* format, va_list arguments) {
+__attribute__((format(printf, 3, 0))) void Print(int priority, const char* tag, const char* format,
+                                                 va_list arguments) {
     const int savedErrno = errno;
     static constexpr Settings withoutMemory{};
     const Settings* known = CurrentSettings();
