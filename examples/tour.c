@@ -1,0 +1,179 @@
+/* A tour of the connection API: one program calls the service, receives its events, is refused, and sees it
+ * restart. Run it with the stand-in service:
+ *
+ *     mavix-sandbox --sim-option=--respawn -- tour
+ *
+ * Exit status 0 when every step held. */
+
+#include "control.h"
+
+#include <mavix-api/IPCConnection_C.h>
+
+#include <glib.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+/* Any interface answers with what it was sent, except the stand-in's own, whose function codes are
+ * behaviours. */
+static const char* const interface_name = "com.norvale.IAVControl";
+static const char* const behaviour_interface = "com.norvale.ISimTest";
+enum { FUNCTION_ANY = 1, FUNCTION_REFUSE = 2 };
+
+enum { HANDLE_HIGH = 1, HANDLE_LOW = 42, EVENT_KINDS = 3, EVENT_LIMIT_SECONDS = 10 };
+
+typedef struct {
+    EIPCMessageType type;
+    const char* name;
+    int id;
+    const char* payload;
+    MavixEventCallback callback;
+    bool arrived;
+} Event;
+
+static void on_signal(int id, const char* data, int length);
+static void on_program(int id, const char* data, int length);
+static void on_text_data(int id, const char* data, int length);
+
+static Event events[EVENT_KINDS] = {
+    {IPC_MESSAGE_SIGNAL, "Signal", 11, "antenna connected", on_signal, false},
+    {IPC_MESSAGE_PROGRAM, "Program", 12, "channel 7, evening news", on_program, false},
+    {IPC_MESSAGE_TEXTDATA, "TextData", 13, "page 100", on_text_data, false},
+};
+
+static void say(const char* format, ...) G_GNUC_PRINTF(1, 2);
+
+static void say(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    vprintf(format, arguments);
+    va_end(arguments);
+    fflush(stdout);
+}
+
+static void require(bool holds, const char* what) {
+    if (holds)
+        return;
+    say("\nThe tour ends here: %s.\n", what);
+    exit(EXIT_FAILURE);
+}
+
+/* Calls the service and checks that it answers with what it was sent. */
+static void call_and_check(const char* text) {
+    void* reply = NULL;
+    unsigned int length = 0;
+    const bool answered =
+        IPCConnection__Call(interface_name, FUNCTION_ANY, text, (int)strlen(text), &reply, &length);
+    require(answered, "the service did not answer");
+    require(length == strlen(text) && memcmp(reply, text, length) == 0,
+            "the answer is not what the service was sent");
+    say("   We sent \"%s\", it answered \"%.*s\".\n", text, (int)length, (const char*)reply);
+    IPCConnection__CallDisposeOutputBuffer(reply);
+}
+
+static void create(void) {
+    say("1. We create the client. It connects to the bus in the background.\n");
+    require(IPCConnection__Create(), "the client could not be created");
+}
+
+static void call(void) {
+    say("2. We call the service and wait for its answer. It is process %d.\n", control_service_pid());
+    call_and_check("Is anybody there?");
+}
+
+static void call_without_waiting(void) {
+    const char* const text = "Please tune to channel 7";
+    say("3. We call it again, but do not wait.\n");
+    require(IPCConnection__CallAsync(interface_name, FUNCTION_ANY, text, (int)strlen(text)),
+            "the call was not accepted for sending");
+    require(control_wait_for_async_call(text), "the call did not reach the service");
+    say("   The service confirms that it received \"%s\".\n", text);
+}
+
+static void check_event(Event* event, int id, const char* data, int length) {
+    say("   %s event, id %d: \"%.*s\"\n", event->name, id, length, data);
+    require(!event->arrived, "an event arrived twice");
+    require(id == event->id, "an event has a wrong id");
+    require((size_t)length == strlen(event->payload) && memcmp(data, event->payload, (size_t)length) == 0,
+            "an event has a wrong payload");
+    event->arrived = true;
+}
+
+static void on_signal(int id, const char* data, int length) {
+    check_event(&events[0], id, data, length);
+}
+
+static void on_program(int id, const char* data, int length) {
+    check_event(&events[1], id, data, length);
+}
+
+static void on_text_data(int id, const char* data, int length) {
+    check_event(&events[2], id, data, length);
+}
+
+static bool all_arrived(void) {
+    for (int i = 0; i < EVENT_KINDS; ++i)
+        if (!events[i].arrived)
+            return false;
+    return true;
+}
+
+static gboolean time_is_up(gpointer flag) {
+    *(bool*)flag = true;
+    return G_SOURCE_REMOVE;
+}
+
+static void receive_events(void) {
+    bool too_late = false;
+    say("4. We ask for events of three types and set a callback for each.\n");
+    for (int i = 0; i < EVENT_KINDS; ++i) {
+        IPCConnection__SetCallbackFunction(events[i].type, events[i].callback);
+        require(IPCConnection__AddMatchRule(events[i].type, events[i].id, HANDLE_HIGH, HANDLE_LOW),
+                "a match rule was not accepted for sending");
+    }
+    /* The bus handles what one connection sends in its order: after an answer, it has the rules. */
+    call_and_check("Now tell us the news");
+    for (int i = 0; i < EVENT_KINDS; ++i)
+        require(control_emit(events[i].name, events[i].id, HANDLE_HIGH, HANDLE_LOW, events[i].payload),
+                "the service did not emit an event");
+
+    say("   The service emits them. They arrive while we run the default main context:\n");
+    const guint timer = g_timeout_add_seconds(EVENT_LIMIT_SECONDS, time_is_up, &too_late);
+    while (!all_arrived() && !too_late)
+        g_main_context_iteration(NULL, TRUE);
+    require(!too_late, "not every event arrived");
+    g_source_remove(timer);
+    for (int i = 0; i < EVENT_KINDS; ++i) {
+        IPCConnection__RemoveMatchRule(events[i].type, events[i].id, HANDLE_HIGH, HANDLE_LOW);
+        IPCConnection__UnsetCallbackFunction(events[i].type);
+    }
+}
+
+static void be_refused(void) {
+    void* reply = NULL;
+    unsigned int length = 0;
+    say("5. We ask for something that the service refuses.\n");
+    require(!IPCConnection__Call(behaviour_interface, FUNCTION_REFUSE, NULL, 0, &reply, &length),
+            "the service did not refuse");
+    require(reply == NULL && length == 0, "a refused call handed something out");
+    say("   It answers with an error: the call fails and hands nothing out.\n");
+}
+
+static void outlive_the_service(void) {
+    say("6. The service restarts under our feet.\n");
+    const int pid = control_restart_service();
+    require(pid != 0, "the service did not come back");
+    say("   It is process %d now. We call it as if nothing had happened.\n", pid);
+    call_and_check("Are you well again?");
+}
+
+int main(void) {
+    create();
+    call();
+    call_without_waiting();
+    receive_events();
+    be_refused();
+    outlive_the_service();
+    say("That was the tour: every step held.\n");
+    return EXIT_SUCCESS;
+}
