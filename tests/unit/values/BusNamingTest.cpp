@@ -1,6 +1,5 @@
 #include "FlavourFixture.h"
 #include "IpcConfigurationMavix.h"
-#include "RecordingPlatform.h"
 #include "RoutingTable.h"
 
 #include <gtest/gtest.h>
