@@ -21,6 +21,8 @@ public:
     bool CheckErrorAndReset();
 
 private:
+    friend struct TestAccess;
+
     GError* m_error;
     std::string m_operationName;
 };
