@@ -57,8 +57,13 @@ TimePoint TCBorrower::NextExpiry() const {
     return next;
 }
 
-// Gives every thread of the process what the present lendings ask for.
+// Gives every thread of the process what the present lendings ask for. They outlive the process: it may be
+// started anew while its lenders wait.
 int TCBorrower::m_Apply() {
+    if (!IsRunning(m_process)) {
+        m_threads.clear();
+        return 0;
+    }
     const auto strongest = std::max_element(m_lendings.begin(), m_lendings.end(), IsWeaker);
     const std::vector<pid_t> running = ThreadsOf(m_process.pid);
     std::vector<Thread> threads;

@@ -25,7 +25,6 @@ public:
         const std::lock_guard<std::mutex> lock(m_worker.Mutex());
         const ProcessId process = m_ProcessOf(name);
         if (process.IsNone()) {
-            m_Forget(name);
             return 0;
         }
         if (until != Never && !m_worker.StartLocked()) {
@@ -37,7 +36,7 @@ public:
             static_cast<void>(borrower.Remove(lender));
         }
         if (borrower.IsIdle()) {
-            m_Forget(name);
+            m_borrowers.erase(m_Find(name));
         } else if (result == 0) {
             m_worker.WakeByLocked(until);
         }
@@ -48,10 +47,6 @@ public:
         const std::lock_guard<std::mutex> lock(m_worker.Mutex());
         const auto borrower = m_Find(name);
         if (borrower == m_borrowers.end()) {
-            return 0;
-        }
-        if (!IsRunning((*borrower)->Process())) {
-            m_borrowers.erase(borrower);
             return 0;
         }
         const int result = (*borrower)->Remove(lender);
@@ -69,10 +64,6 @@ private:
         const TimePoint now = std::chrono::steady_clock::now();
         TimePoint next = Never;
         for (auto borrower = borrowers.begin(); borrower != borrowers.end();) {
-            if (!IsRunning((*borrower)->Process())) {
-                borrower = borrowers.erase(borrower);
-                continue;
-            }
             (*borrower)->RemoveExpired(now);
             next = std::min(next, (*borrower)->NextExpiry());
             borrower = (*borrower)->IsIdle() ? borrowers.erase(borrower) : std::next(borrower);
@@ -101,13 +92,6 @@ private:
             (*known)->Restarted(process);
         }
         return **known;
-    }
-
-    void m_Forget(const std::string& name) {
-        const auto known = m_Find(name);
-        if (known != m_borrowers.end()) {
-            m_borrowers.erase(known);
-        }
     }
 
     TCHostWorker m_worker{"mavix-lend", &TCInheritance::m_EndExpired, this};
