@@ -16,38 +16,54 @@ namespace MavixApiLite {
 namespace {
 
 // Never destroyed, because callers may come while the process exits; an exit handler releases the client.
-struct Registry {
+struct TCRegistry {
     std::shared_ptr<TCIpcClient> instance;
     std::mutex instanceMutex;
     std::atomic<bool> instanceInitialized{false};
+    std::atomic<bool> creating{false};
     std::atomic<bool> exiting{false};
     std::atomic<bool> forkedChild{false};
     std::atomic<int> readers{0}; // callers that may be copying `instance`
 };
 
-Registry& TheRegistry() {
-    static Registry& registry = *new Registry;
+TCRegistry& TheRegistry() {
+    static TCRegistry& registry = *new TCRegistry;
     return registry;
 }
 
-class ReaderMark final {
+class TCReaderMark final {
 public:
-    explicit ReaderMark(Registry& registry) : m_readers(registry.readers) { ++m_readers; }
-    ~ReaderMark() { --m_readers; }
-    ReaderMark(const ReaderMark&) = delete;
-    ReaderMark& operator=(const ReaderMark&) = delete;
+    explicit TCReaderMark(TCRegistry& registry) : m_readers(registry.readers) { ++m_readers; }
+    ~TCReaderMark() { --m_readers; }
+    TCReaderMark(const TCReaderMark&) = delete;
+    TCReaderMark& operator=(const TCReaderMark&) = delete;
 
 private:
     std::atomic<int>& m_readers;
 };
 
+// A child that is forked meanwhile inherits half a client.
+class TCCreationMark final {
+public:
+    explicit TCCreationMark(TCRegistry& registry) : m_creating(registry.creating) { m_creating = true; }
+    ~TCCreationMark() { m_creating = false; }
+    TCCreationMark(const TCCreationMark&) = delete;
+    TCCreationMark& operator=(const TCCreationMark&) = delete;
+
+private:
+    std::atomic<bool>& m_creating;
+};
+
 void OnForkedChild() {
-    TheRegistry().forkedChild = true;
+    TCRegistry& registry = TheRegistry();
+    registry.forkedChild = registry.instanceInitialized || registry.creating;
 }
 
-// A forked child leaves the client alone: its threads do not exist there.
+// A forked child leaves the client alone: its threads do not exist there. So does a process in which a caller
+// still has a share: its event callback may be what runs on this very thread, or on one that waits for the
+// client.
 void OnExit() {
-    Registry& registry = TheRegistry();
+    TCRegistry& registry = TheRegistry();
     if (registry.forkedChild) {
         return;
     }
@@ -58,7 +74,9 @@ void OnExit() {
     while (registry.readers != 0) {
         std::this_thread::yield();
     }
-    registry.instance.reset();
+    if (registry.instance.use_count() == 1) {
+        registry.instance.reset();
+    }
 }
 
 std::shared_ptr<TCIpcClient> CreateClient() {
@@ -78,8 +96,8 @@ void RegisterHandlersOnce() {
 }
 
 // Empty when the process has begun to exit.
-std::shared_ptr<TCIpcClient> CopyOrCreate(Registry& registry) {
-    const ReaderMark mark(registry);
+std::shared_ptr<TCIpcClient> CopyOrCreate(TCRegistry& registry) {
+    const TCReaderMark mark(registry);
     if (registry.exiting) {
         return nullptr;
     }
@@ -92,6 +110,7 @@ std::shared_ptr<TCIpcClient> CopyOrCreate(Registry& registry) {
     }
     if (!registry.instanceInitialized) {
         RegisterHandlersOnce();
+        const TCCreationMark creation(registry);
         registry.instance = CreateClient();
         registry.instanceInitialized.exchange(true);
     }
@@ -101,7 +120,7 @@ std::shared_ptr<TCIpcClient> CopyOrCreate(Registry& registry) {
 } // namespace
 
 std::shared_ptr<TIIpcClient> TCIpcClientInstance::GetInstance() {
-    Registry& registry = TheRegistry();
+    TCRegistry& registry = TheRegistry();
     // In a forked child the mutex and the counter are in an unknown state. After the exit has begun nobody
     // comes near the counter again, so that the exit handler is not kept waiting.
     std::shared_ptr<TCIpcClient> instance = IsGone() ? nullptr : CopyOrCreate(registry);
@@ -114,7 +133,7 @@ std::shared_ptr<TIIpcClient> TCIpcClientInstance::GetInstance() {
 }
 
 bool TCIpcClientInstance::IsGone() {
-    const Registry& registry = TheRegistry();
+    const TCRegistry& registry = TheRegistry();
     return registry.forkedChild || registry.exiting;
 }
 

@@ -1,3 +1,4 @@
+#include "Await.h"
 #include "ChildProgram.h"
 #include "IPCConnection_C.h"
 #include "PrivateBus.h"
@@ -5,6 +6,7 @@
 #include "SimProcess.h"
 #include "TestScale.h"
 
+#include <glib.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -26,6 +28,7 @@ namespace {
 constexpr int exitStatus = 17;
 constexpr const char* interfaceName = "com.norvale.ISimTest";
 constexpr short echo = 0;
+constexpr short delay = 1;
 constexpr short never = 6;
 
 enum class Caller { None, Synchronous, Asynchronous, NeverAnswered };
@@ -50,12 +53,12 @@ void CallWithoutEnd(Caller caller) {
 MAVIX_CHILD(ExitAtAMoment) {
     const auto caller = static_cast<Caller>(std::stoi(arguments.at(0)));
     const bool fromThread = arguments.at(1) == "thread";
-    const auto delay = std::chrono::microseconds(std::stol(arguments.at(2)));
+    const auto wait = std::chrono::microseconds(std::stol(arguments.at(2)));
     IPCConnection__Create();
     for (int at = 0; at < 2 && caller != Caller::None; ++at) {
         std::thread(CallWithoutEnd, caller).detach();
     }
-    std::this_thread::sleep_for(delay);
+    std::this_thread::sleep_for(wait);
     if (!fromThread) {
         return exitStatus;
     }
@@ -78,11 +81,11 @@ TEST(Exit, AtAnyMomentNeitherCrashesNorTakesMoreThanASecond) {
             const long longest = at % 3 == 0 ? 2000 : 30000;
             const std::string caller = std::to_string(at % 4);
             const std::string from = (at / 4) % 2 == 0 ? "main" : "thread";
-            const std::string delay = std::to_string(std::uniform_int_distribution<long>(0, longest)(random));
-            const ChildResult result = RunChildProgram("ExitAtAMoment", plainFlavour, {caller, from, delay},
+            const std::string wait = std::to_string(std::uniform_int_distribution<long>(0, longest)(random));
+            const ChildResult result = RunChildProgram("ExitAtAMoment", plainFlavour, {caller, from, wait},
                                                        std::chrono::seconds(30));
             ++ran;
-            const std::string row = "caller " + caller + ", from " + from + ", after " + delay + " us: ";
+            const std::string row = "caller " + caller + ", from " + from + ", after " + wait + " us: ";
             EXPECT_FALSE(result.timedOut) << row << result.errors;
             EXPECT_EQ(0, result.signal) << row << result.errors;
             EXPECT_EQ(exitStatus, result.exitCode) << row << result.errors;
@@ -94,6 +97,65 @@ TEST(Exit, AtAnyMomentNeitherCrashesNorTakesMoreThanASecond) {
     work(2U);
     other.join();
     EXPECT_EQ(count, ran);
+}
+
+namespace {
+
+GMainLoop* loop = nullptr;
+std::atomic<bool> inCallback{false};
+
+void CallTheService(int /*id*/, const char* /*data*/, int /*length*/) {
+    constexpr std::int32_t delayMs = 300;
+    void* output = nullptr;
+    unsigned int length = 0;
+    inCallback = true;
+    IPCConnection__Call(interfaceName, delay, &delayMs, sizeof delayMs, &output, &length);
+    IPCConnection__CallDisposeOutputBuffer(output);
+}
+
+// Runs after the client's exit handler, and longer than the call.
+void KeepExiting() {
+    std::this_thread::sleep_for(milliseconds(600));
+}
+
+} // namespace
+
+MAVIX_CHILD(ExitWhileACallbackCalls) {
+    std::atexit(KeepExiting);
+    IPCConnection__SetCallbackFunction(IPC_MESSAGE_DATA, CallTheService);
+    if (!IPCConnection__AddMatchRule(IPC_MESSAGE_DATA, 1, 0, 0)) {
+        return 1;
+    }
+    std::thread([] {
+        loop = g_main_loop_new(nullptr, FALSE);
+        g_main_loop_run(loop);
+    }).detach();
+    // The answer comes after the rule is in place.
+    void* output = nullptr;
+    unsigned int length = 0;
+    if (!IPCConnection__Call(interfaceName, echo, "ready", 5, &output, &length)) {
+        return 2;
+    }
+    IPCConnection__CallDisposeOutputBuffer(output);
+    return Await([] { return inCallback.load(); }) ? exitStatus : 3;
+}
+
+TEST(Exit, WhileAnEventCallbackCallsTheServiceKeepsItsStatus) {
+    const TCPrivateBus bus;
+    const TCSimProcess service(bus);
+    std::atomic<bool> stop{false};
+    std::thread emitter([&] {
+        TCSimDriver own(bus);
+        while (!stop) {
+            own.Emit(IPC_MESSAGE_DATA, 1, {});
+            std::this_thread::sleep_for(milliseconds(5));
+        }
+    });
+    const ChildResult result = RunChildProgram("ExitWhileACallbackCalls");
+    stop = true;
+    emitter.join();
+    EXPECT_EQ(0, result.signal) << result.errors;
+    EXPECT_EQ(exitStatus, result.exitCode) << result.errors;
 }
 
 // Calls that were accepted leave before the process does.
