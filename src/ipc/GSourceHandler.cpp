@@ -3,6 +3,7 @@
 #include "Guard.h"
 #include "Log.h"
 #include "MavixAssert.h"
+#include "MessageFilterContext.h"
 
 #include <new>
 #include <utility>
@@ -32,17 +33,17 @@ namespace {
 
 // Holds a mutex that pthread_mutex_trylock took. std::mutex::try_lock is undefined on the thread that owns
 // the mutex, the native call is not.
-class TryLock final {
+class TCTryLock final {
 public:
-    explicit TryLock(std::mutex& mutex)
+    explicit TCTryLock(std::mutex& mutex)
         : m_mutex(mutex.native_handle()), m_locked(pthread_mutex_trylock(m_mutex) == 0) {}
-    ~TryLock() {
+    ~TCTryLock() {
         if (m_locked) {
             pthread_mutex_unlock(m_mutex);
         }
     }
-    TryLock(const TryLock&) = delete;
-    TryLock& operator=(const TryLock&) = delete;
+    TCTryLock(const TCTryLock&) = delete;
+    TCTryLock& operator=(const TCTryLock&) = delete;
 
     explicit operator bool() const { return m_locked; }
 
@@ -69,7 +70,6 @@ TCGSourceHandler::~TCGSourceHandler() {
     }
     // A callback of this handler is on the stack below us: leak what it still uses.
     destroyedInCallback = this;
-    new std::function<void(TIIpcMessage&)>(std::move(m_messageHandler));
     static_cast<void>(m_pGSource.release());
     static_cast<void>(m_pAsyncQueue.release());
     static_cast<void>(m_pGMainContext.release());
@@ -161,22 +161,25 @@ void TCGSourceHandler::m_DeleteSource() {
 }
 
 // The identity is stored before the token is given back, so that a stopper that has taken the token can tell
-// whether it runs inside the handler. It is cleared afterwards, exception or not, for the next stopper.
+// whether it runs inside the handler. It is cleared afterwards, exception or not, for the next stopper. The
+// function that runs is kept on the stack: it outlives this object even when it destroys it.
 void TCGSourceHandler::m_Notify(TIIpcMessage& message) {
-    struct ThreadMark {
+    struct TCRunningHandler {
         TCGSourceHandler* handler;
-        ~ThreadMark() {
+        std::function<void(TIIpcMessage&)> function;
+        ~TCRunningHandler() {
             if (destroyedInCallback == handler) {
                 destroyedInCallback = nullptr;
                 return;
             }
+            handler->m_messageHandler = std::move(function);
             handler->m_dispatchThread.store(pthread_t{});
         }
     };
     m_dispatchThread.store(pthread_self());
-    const ThreadMark mark{this};
+    const TCRunningHandler running{this, std::move(m_messageHandler)};
     m_pSemaphore->Signal();
-    m_messageHandler(message);
+    running.function(message);
 }
 
 gboolean TCGSourceHandler::m_GSourceHandlerPrepare(GSource* source, gint* /*timeout*/) {
@@ -191,7 +194,7 @@ gboolean TCGSourceHandler::m_GSourceHandlerDispatch(GSource* source, GSourceFunc
                                                     gpointer data) {
     auto* record = reinterpret_cast<HandlerSource*>(source);
     record->semaphore->Wait();
-    const TryLock lock(*record->dispatchMutex);
+    const TCTryLock lock(*record->dispatchMutex);
     if (!lock) {
         MAVIX_LOGE("Stopping in progress! Quiting..");
         return FALSE;
@@ -211,7 +214,7 @@ gboolean TCGSourceHandler::m_GSourceHandlerDispatch(GSource* source, GSourceFunc
     }
     auto* handler = static_cast<TCGSourceHandler*>(data);
     bool tokenTaken = true;
-    GuardedRun(MAVIX_LOG_SOURCE_NAME, __FUNCTION__, [&] {
+    GuardedRun(MAVIX_LOG_SOURCE_NAME, __FUNCTION__, __LINE__, [&] {
         const std::unique_ptr<TIIpcMessage> message = handler->m_pAllocator->NewMessage(raw);
         if (message) {
             tokenTaken = false;

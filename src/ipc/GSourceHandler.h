@@ -13,16 +13,6 @@
 #include <mutex>
 #include <pthread.h>
 
-// User data of a connection's message filter: where to queue and whom to wake. It owns what it names, because
-// the filter may still run after it was removed.
-struct MessageFilterContext {
-    GMainContext* context; // one reference
-    GAsyncQueue* queue;    // one reference
-
-    // Releases both and the record itself; null is ignored.
-    static void Destroy(void* data);
-};
-
 namespace MavixApiLite {
 
 // Moves raw messages from any thread to a main context and hands them there, one per dispatch, to a handler.
@@ -38,7 +28,8 @@ public:
     TCGSourceHandler& operator=(const TCGSourceHandler&) = delete;
 
     // Attaches to the context and returns the queue (borrowed), into which raw messages may be pushed
-    // directly, each with a reference, waking the context afterwards. Null when nothing could be created.
+    // directly, each with a reference, waking the context afterwards. Null when nothing could be created. A
+    // null context is the default one. When already started, logs and returns the queue of the first start.
     GAsyncQueue* Start(GMainContext* context, std::function<void(TIIpcMessage&)> handler);
     // Queues the raw message with a reference of its own. The handler must be started.
     void PushMessage(TIIpcMessage& message);

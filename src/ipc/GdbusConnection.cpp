@@ -6,6 +6,7 @@
 #include "Guard.h"
 #include "Log.h"
 #include "MavixAssert.h"
+#include "MessageFilterContext.h"
 
 #include <stdexcept>
 #include <utility>
@@ -88,11 +89,11 @@ bool TCGdbusConnection::SendWithReply(TIIpcMessage& message, int timeoutMs) {
 }
 
 bool TCGdbusConnection::AddMatch(const char* rule) {
-    return m_SendBusRequest("AddMatch", TextOf(rule), nullptr);
+    return m_SendBusRequest("AddMatch", rule, nullptr);
 }
 
 bool TCGdbusConnection::RemoveMatch(const char* rule) {
-    return m_SendBusRequest("RemoveMatch", TextOf(rule), nullptr);
+    return m_SendBusRequest("RemoveMatch", rule, nullptr);
 }
 
 std::string TCGdbusConnection::GetUniqueName() {
@@ -109,7 +110,7 @@ std::string TCGdbusConnection::GetUniqueName() {
 }
 
 bool TCGdbusConnection::RequestName(const std::string& name) {
-    return m_SendBusRequest("RequestName", name, &requestNameDoNotQueue);
+    return m_SendBusRequest("RequestName", name.c_str(), &requestNameDoNotQueue);
 }
 
 bool TCGdbusConnection::ReleaseName(const std::string& name) {
@@ -203,7 +204,7 @@ void TCGdbusConnection::t_CleanupConnection() {
 // Body of the connecting thread. Its id counts only while it runs: ids are reused.
 void TCGdbusConnection::m_RunConnect(const std::string& name, TIIpcConnectionOwner* owner) {
     m_connectingThreadId.store(pthread_self());
-    const bool connected = GuardedCall(MAVIX_LOG_SOURCE_NAME, "m_Connect", false,
+    const bool connected = GuardedCall(MAVIX_LOG_SOURCE_NAME, "m_Connect", __LINE__, false,
                                        [this, &name, owner] { return m_Connect(name, owner); });
     if (!connected) {
         m_connection.reset();
@@ -313,14 +314,14 @@ bool TCGdbusConnection::m_InitializeBusRequest(TIIpcMessage& request, const char
 }
 
 // Fire and forget: success says only that the request left.
-bool TCGdbusConnection::m_SendBusRequest(const char* member, const std::string& argument,
+bool TCGdbusConnection::m_SendBusRequest(const char* member, const char* argument,
                                          const std::uint32_t* flags) {
     if (!m_ApiCallable()) {
         MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, member, "[API_LITE] not connected!");
         return false;
     }
     TCGdbusMessage request;
-    if (!m_InitializeBusRequest(request, member, argument)) {
+    if (!m_InitializeBusRequest(request, member, TextOf(argument))) {
         return false;
     }
     if (flags != nullptr) {
@@ -332,7 +333,7 @@ bool TCGdbusConnection::m_SendBusRequest(const char* member, const std::string& 
 
 // The one place where GLib's dispatching enters the owner: whatever it throws counts as not handled.
 void TCGdbusConnection::m_MessageHandler(TIIpcMessage& message) {
-    const bool handled = GuardedCall(MAVIX_LOG_SOURCE_NAME, __FUNCTION__, false, [this, &message] {
+    const bool handled = GuardedCall(MAVIX_LOG_SOURCE_NAME, __FUNCTION__, __LINE__, false, [this, &message] {
         return m_owner != nullptr && m_owner->FilterIpcMessage(message);
     });
     if (!handled) {

@@ -48,6 +48,8 @@ public:
     void (*GetRawMessageDeleter())(void*) override;
 
 protected:
+    // A subclass that overrides one of these two calls t_CleanupConnection in its own destructor: the
+    // connecting thread must not come to them when they are gone.
     virtual void t_SetConnectingThread(std::thread thread);
     // Called on the connecting thread when the connect failed.
     virtual void t_ConnectErrorHandler();
@@ -61,7 +63,7 @@ private:
     bool m_StartDispatching(const std::string& name, TIIpcConnectionOwner* owner);
     GDBusConnection* m_GetConnection();
     bool m_ApiCallable();
-    bool m_SendBusRequest(const char* member, const std::string& argument, const std::uint32_t* flags);
+    bool m_SendBusRequest(const char* member, const char* argument, const std::uint32_t* flags);
     static bool m_InitializeBusRequest(TIIpcMessage& request, const char* member,
                                        const std::string& argument);
     void m_MessageHandler(TIIpcMessage& message);
