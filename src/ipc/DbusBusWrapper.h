@@ -28,7 +28,8 @@ public:
     bool CheckAndMarkHelloSent();
     // Adds the match rule for owner changes of this name. False, without effect, when it was added before.
     bool SubscribeForOwnerChanged();
-    // Waits until the name has an owner: 25 s at most, 50 s in the debug flavour. Makes synchronous requests.
+    // Waits until the name has an owner: 25 s at most, 50 s in the debug flavour, and the last
+    // question. Makes synchronous requests. Without a connection: assertion.
     bool WaitForCreate();
 
     // One of EBusMessage. Throws what TIIpcMessage::IsOfType throws.

@@ -37,7 +37,7 @@ GMainContext* TCGMainLoopHandler::Start(std::string threadName, int watchdogPeri
     m_pGMainLoop.reset(g_main_loop_new(m_pGMainContext.get(), FALSE));
     MAVIX_ASSERT(m_pGMainLoop);
     m_thread = std::thread([this, watchdogPeriodSeconds] {
-        GuardedRun(MAVIX_LOG_SOURCE_NAME, "m_RunLoop",
+        GuardedRun(MAVIX_LOG_SOURCE_NAME, "m_RunLoop", __LINE__,
                    [this, watchdogPeriodSeconds] { m_RunLoop(watchdogPeriodSeconds); });
     });
     return m_pGMainContext.get();
@@ -126,7 +126,8 @@ gboolean TCGMainLoopHandler::m_WatchdogNotify(void* data) {
     MAVIX_ASSERT(pWatchdogHandler);
     MAVIX_ASSERT(pThreadName);
     if (pWatchdogHandler != nullptr && pThreadName != nullptr) {
-        GuardedRun(MAVIX_LOG_SOURCE_NAME, __FUNCTION__, [&] { pWatchdogHandler->Notify(*pThreadName); });
+        GuardedRun(MAVIX_LOG_SOURCE_NAME, __FUNCTION__, __LINE__,
+                   [&] { pWatchdogHandler->Notify(*pThreadName); });
     }
     return TRUE;
 }

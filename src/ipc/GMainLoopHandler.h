@@ -17,6 +17,7 @@ namespace MavixApiLite {
 // each other. The watchdog is touched by the loop's thread only.
 class MAVIX_API_EXPORT TCGMainLoopHandler {
 public:
+    // A null watchdog is an assertion; on a release build the thread is then not watched.
     explicit TCGMainLoopHandler(std::unique_ptr<TCWatchdogHandler> watchdogHandler);
     ~TCGMainLoopHandler();
     TCGMainLoopHandler(const TCGMainLoopHandler&) = delete;

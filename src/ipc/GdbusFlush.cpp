@@ -9,23 +9,23 @@ namespace {
 constexpr guint flushLimitMs = 1000;
 
 // Leaked when the flush never answers: its callback may then still come.
-struct FlushState {
+struct TCFlushState {
     bool done = false;
     bool timedOut = false;
 };
 
 void OnFlushed(GObject* connection, GAsyncResult* result, gpointer data) {
     g_dbus_connection_flush_finish(G_DBUS_CONNECTION(connection), result, nullptr);
-    static_cast<FlushState*>(data)->done = true;
+    static_cast<TCFlushState*>(data)->done = true;
 }
 
 gboolean OnTimeLimit(gpointer data) {
-    static_cast<FlushState*>(data)->timedOut = true;
+    static_cast<TCFlushState*>(data)->timedOut = true;
     return G_SOURCE_REMOVE;
 }
 
 // Iterates until the flush has answered or the time limit has passed.
-void Await(GMainContext* context, FlushState& state) {
+void Await(GMainContext* context, TCFlushState& state) {
     state.timedOut = false;
     const SourceHandle timer(g_timeout_source_new(flushLimitMs));
     g_source_set_static_name(timer.get(), "mavix-flush-limit");
@@ -51,7 +51,7 @@ void FlushBeforeClose(GDBusConnection* connection) {
         return;
     }
     const MainContextHandle context(g_main_context_new());
-    auto state = std::make_unique<FlushState>();
+    auto state = std::make_unique<TCFlushState>();
     g_main_context_push_thread_default(context.get());
     g_dbus_connection_flush(connection, nullptr, OnFlushed, state.get());
     Await(context.get(), *state);

@@ -2,7 +2,6 @@
 
 #include "Export.h"
 #include "Guard.h"
-#include "IPCUtility_C.h"
 #include "IpcClientInstance.h"
 #include "Log.h"
 #include "MavixAssert.h"
@@ -23,7 +22,7 @@ constexpr std::uint32_t lastMessageType = IPC_MESSAGE_MAX - 1;
 // Runs `body` with the client; `failure` is the result without one and after an exception.
 template <class Result, class Body>
 Result WithClient(const char* function, Result failure, const Body& body) {
-    return MavixApiLite::GuardedCall(MAVIX_LOG_SOURCE_NAME, function, failure, [&] {
+    return MavixApiLite::GuardedCall(MAVIX_LOG_SOURCE_NAME, function, __LINE__, failure, [&] {
         const std::shared_ptr<TIIpcClient> instance = TCIpcClientInstance::GetInstance();
         if (!instance) {
             MAVIX_ASSERT_TEXT(TCIpcClientInstance::IsGone(), "instance");

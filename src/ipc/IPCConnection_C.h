@@ -9,7 +9,8 @@
  * result.
  *
  * - A process without a system bus is stopped shortly after the first use, except on a release build.
- * - Calls to a bus name of the service that has no owner wait for one, for up to 25 s.
+ * - Calls to a bus name of the service that has no owner wait for one, for up to 25 s, or 50 s in the
+ *   debug flavour.
  * - Events are delivered on the thread that runs the process's default GLib main context: a process that does
  * not run it receives none. They are queued until it does.
  * - Do not call exit() from an event callback.
@@ -60,15 +61,17 @@ bool IPCConnection__CallAsync(const char* interfaceName, short functionCode, con
 bool IPCConnection__WaitForCreateInterface(const char* interfaceName);
 
 /* Begins to receive the events of a type with this id about this handle, or ends it. An event reaches the
- * type's callback once for however many rules it matches. True when the request was accepted for sending. */
+ * type's callback once for however many rules it matches. The handle is one number, in which both parts count
+ * in full: (handleFirst << 16) | handleSecond. A type that does not exist is not refused and matches nothing.
+ * True when the request was accepted for sending. */
 bool IPCConnection__AddMatchRule(EIPCMessageType type, int id, unsigned int handleFirst,
                                  unsigned int handleSecond);
 bool IPCConnection__RemoveMatchRule(EIPCMessageType type, int id, unsigned int handleFirst,
                                     unsigned int handleSecond);
 
-/* Sets the one callback of a type, in place of an earlier one. It may itself call any function of this
- * header. Setting and unsetting wait for a running callback of the same type, except from inside that
- * callback. */
+/* Sets the one callback of a type, in place of an earlier one; a null callback or a type that does not exist
+ * is logged and changes nothing. It may itself call any function of this header. Setting and unsetting wait
+ * for a running callback of the same type, except from inside that callback. */
 void IPCConnection__SetCallbackFunction(EIPCMessageType type, MavixEventCallback callback);
 void IPCConnection__UnsetCallbackFunction(EIPCMessageType type);
 

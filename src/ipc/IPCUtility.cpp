@@ -44,7 +44,7 @@ extern "C" MAVIX_API_EXPORT void IPCUtility_GenerateSubConnectionName(const char
     if (uniqueName == nullptr || length == 0 || output == nullptr || capacity == nullptr) {
         return;
     }
-    MavixApiLite::GuardedRun(MAVIX_LOG_SOURCE_NAME, __FUNCTION__, [&] {
+    MavixApiLite::GuardedRun(MAVIX_LOG_SOURCE_NAME, __FUNCTION__, __LINE__, [&] {
         const std::string name = SubConnectionName(uniqueName, length);
         if (name.size() >= *capacity) {
             std::memcpy(output, name.data(), *capacity);
@@ -64,7 +64,7 @@ namespace MavixApiLite {
 std::string TCIPCUtility::GetProcessName(int pid) {
     std::array<char, 4096> buffer{};
     std::snprintf(buffer.data(), buffer.size(), "/proc/%d/cmdline", pid);
-    const FileDescriptor file(open(buffer.data(), O_RDONLY | O_CLOEXEC));
+    const TCFileDescriptor file(open(buffer.data(), O_RDONLY | O_CLOEXEC));
     if (!file) {
         MAVIX_LOGE("Failed to open %s[pid : %d]", buffer.data(), pid);
         return {};

@@ -24,6 +24,7 @@ namespace {
 
 constexpr const char* callObjectPath = "/com/norvale/Object";
 constexpr const char* callMember = "MethodCall";
+constexpr const char* callFunction = "Call";
 constexpr unsigned int flagNoReply = 1;
 constexpr unsigned int flagProgramName = 2;
 constexpr std::uint8_t replyWellFormed = 1;
@@ -230,11 +231,13 @@ bool TCIpcClient::Call(const std::string& interfaceName, short functionCode, TCM
 
 void TCIpcClient::m_LogErrorReply(TIIpcMessage& reply, const CallTimes& times) {
     const char* name = reply.GetError();
-    MAVIX_LOGE("[IPC][%s:%s:%d]", times.busName.c_str(), times.interfaceName.c_str(), times.functionCode);
-    MAVIX_LOGE("[IPC][Error name: %s]", name != nullptr ? name : "");
+    MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, callFunction, "[IPC][%s:%s:%d]",
+                 times.busName.c_str(), times.interfaceName.c_str(), times.functionCode);
+    MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, callFunction, "[IPC][Error name: %s]",
+                 name != nullptr ? name : "");
     std::string text;
     if (reply.PopString(text)) {
-        MAVIX_LOGE("[IPC]'%s'", text.c_str());
+        MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, callFunction, "[IPC]'%s'", text.c_str());
     }
 }
 
@@ -245,20 +248,23 @@ bool TCIpcClient::m_ReadReply(TIIpcMessage& reply, TCMessageBuffer& output, cons
 
     std::uint8_t replyValue = 0;
     if (!reply.PopByte(replyValue)) {
-        MAVIX_LOGE("[API_LITE] Expected DBUS_TYPE_BYTE.");
+        MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, callFunction,
+                     "[API_LITE] Expected DBUS_TYPE_BYTE.");
         return false;
     }
     const bool wellFormed = (replyValue & replyWellFormed) != 0;
     if (!wellFormed) {
-        MAVIX_LOGE("[API_LITE] Reply message is broken. Reply value: %u",
-                   static_cast<unsigned int>(replyValue));
+        MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, callFunction,
+                     "[API_LITE] Reply message is broken. Reply value: %u",
+                     static_cast<unsigned int>(replyValue));
     } else {
         if (!reply.PopSkip()) {
-            MAVIX_LOGE("Expected parameter");
+            MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, callFunction, "Expected parameter");
             return false;
         }
         if (!reply.PopByteRange(data, size, storage)) {
-            MAVIX_LOGE("[API_LITE] Expected bytes array");
+            MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, callFunction,
+                         "[API_LITE] Expected bytes array");
             return false;
         }
         // The payload stays in the output even when the auxiliary part below turns out to be broken.
@@ -267,11 +273,12 @@ bool TCIpcClient::m_ReadReply(TIIpcMessage& reply, TCMessageBuffer& output, cons
     IpcNativeAuxData aux;
     if (aux.AuxiliaryFlagsPresent(replyValue)) {
         if (!reply.PopSkip()) {
-            MAVIX_LOGE("Expected parameter");
+            MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, callFunction, "Expected parameter");
             return false;
         }
         if (!reply.PopByteRange(data, size, storage)) {
-            MAVIX_LOGE("[API_LITE] Expected bytes array");
+            MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, callFunction,
+                         "[API_LITE] Expected bytes array");
             return false;
         }
         aux.Load(static_cast<unsigned int>(size), reinterpret_cast<const char*>(data));
@@ -306,12 +313,12 @@ bool TCIpcClient::CallAsync(const std::string& interfaceName, short functionCode
 }
 
 bool TCIpcClient::WaitForCreateInterface(const char* interfaceName) {
-    if (interfaceName == nullptr) {
-        throw std::logic_error("TCIpcClient::WaitForCreateInterface: null interface name");
-    }
     if (!m_IsMAVIXSupported()) {
         MAVIX_LOGE("[API_LITE] IsMAVIXSupported() is false, just return true");
         return true;
+    }
+    if (interfaceName == nullptr) {
+        throw std::logic_error("TCIpcClient::WaitForCreateInterface: null interface name");
     }
     const std::list<std::string> busNames = m_configuration->InterfaceBusNameList(interfaceName);
     for (const std::string& busName : busNames) {

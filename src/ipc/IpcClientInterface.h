@@ -19,14 +19,18 @@ public:
     // request left.
     virtual bool AddMatchRule(EIPCMessageType type, int id, const MAVIXHandle& handle) = 0;
     virtual bool RemoveMatchRule(EIPCMessageType type, int id, const MAVIXHandle& handle) = 0;
-    // Calls a function of the service, waits for its result and appends that to `output`.
+    // Calls a function of the service with at most 16,777,216 bytes of input, waits for its result and
+    // appends that to `output`. A failed call leaves `output` as it was, unless the reply is broken behind
+    // its payload.
     virtual bool Call(const std::string& interfaceName, short functionCode, TCMessageBuffer& input,
                       TCMessageBuffer& output) = 0;
     // Calls without waiting for a result.
     virtual bool CallAsync(const std::string& interfaceName, short functionCode, TCMessageBuffer& input) = 0;
-    // Waits until every bus that serves the interface has an owner. Throws std::logic_error for null.
+    // Waits until every bus that serves the interface has an owner; true at once when the device does not
+    // support the service. Otherwise null throws std::logic_error.
     virtual bool WaitForCreateInterface(const char* interfaceName) = 0;
-    // One callback per type; it runs on the thread that iterates the default main context.
+    // One callback per type; it runs on the thread that iterates the default main context. A type that does
+    // not exist is an assertion.
     virtual void SetCallbackFunction(EIPCMessageType type, void (*callback)(int, const char*, int)) = 0;
     virtual void UnsetCallbackFunction(EIPCMessageType type) = 0;
     // Whether calls lend the caller's CPU priority to the service. Always true.

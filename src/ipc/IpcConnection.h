@@ -24,7 +24,7 @@ public:
 
 // A connection to the system bus. Every operation may be called from any thread; one that needs the bus waits
 // until the connect has finished, except on the connecting thread itself. Failures are logged and reported by
-// the result.
+// the result; a null match rule throws std::logic_error.
 class MAVIX_API_EXPORT TIIpcConnection {
 public:
     virtual ~TIIpcConnection();
@@ -32,12 +32,13 @@ public:
     // Starts connecting in the background and returns true at once. `name` names the dispatch thread; `owner`
     // may be null. Does nothing while connecting or connected.
     virtual bool Connect(std::string name, TIIpcConnectionOwner* owner) = 0;
-    // Waits until the connect has finished; whether a connection exists.
+    // Waits until the connect has finished; whether a connection exists. Not for InitializeIpcConnection: the
+    // connecting thread would wait for itself.
     virtual bool WaitConnected() = 0;
     // Finishes the message and queues it for sending.
     virtual bool Send(TIIpcMessage& message) = 0;
     // Finishes and sends the message, waits for the reply and replaces the message's content by it. An error
-    // reply is a reply too. -1 is the bus library's default time limit.
+    // reply is a reply too. -1 is the bus library's default time limit; nothing else is negative.
     virtual bool SendWithReply(TIIpcMessage& message, int timeoutMs) = 0;
     virtual bool AddMatch(const char* rule) = 0;
     virtual bool RemoveMatch(const char* rule) = 0;
@@ -45,7 +46,7 @@ public:
     virtual std::string GetUniqueName() = 0;
     virtual bool RequestName(const std::string& name) = 0;
     virtual bool ReleaseName(const std::string& name) = 0;
-    // Whether the question was answered; the answer goes to `hasOwner`.
+    // Whether the question was answered; the answer goes to `hasOwner`. The time limit is as above.
     virtual bool BusHasOwner(const std::string& name, int timeoutMs, bool& hasOwner) = 0;
     // Makes the messages of this transport; lives as long as the connection.
     virtual TIIpcMessageAllocator* GetMessageAllocatorInstance() = 0;

@@ -32,6 +32,8 @@ public:
                                       const char* errorMessage) = 0;
     virtual bool InitializeReply(TIIpcMessage& request) = 0;
 
+    // Whether the message is of the type and, where these are given, has the interface and member. What a
+    // null type and a missing field mean differs from transport to transport.
     virtual bool IsOfType(IpcMessageType* type, const char* interface, const char* member) = 0;
 
     // Header fields, borrowed from the raw message; null when absent.
@@ -42,6 +44,7 @@ public:
     virtual const char* GetSender() = 0;
     virtual const char* GetError() = 0;
 
+    // Marks the message as one that wants no reply.
     virtual bool SetNoReply() = 0;
 
     virtual bool PopBool(bool& value) = 0;
@@ -50,7 +53,9 @@ public:
     virtual bool PopUint(std::uint32_t& value) = 0;
     virtual bool PopString(std::string& value) = 0;
     virtual bool PopBytes(std::vector<std::uint8_t>& value) = 0;
+    // Steps over one argument of any type.
     virtual bool PopSkip() = 0;
+    // Ends reading; the next Pop* starts at the first argument again.
     virtual bool PopEnd() = 0;
 
     virtual bool PushBool(bool value) = 0;
@@ -59,6 +64,7 @@ public:
     virtual bool PushUint(std::uint32_t value) = 0;
     virtual bool PushString(const std::string& value) = 0;
     virtual bool PushBytes(const std::vector<std::uint8_t>& value) = 0;
+    // Ends appending.
     virtual bool PushEnd() = 0;
 
     // The raw message of the transport; with addReference the caller gets a reference of its own.
@@ -66,7 +72,8 @@ public:
     // Drops the old raw message and adopts one reference of `raw`.
     virtual void SetRawMessage(void* raw) = 0;
 
-    // Append `size` bytes as one byte array. Copies them once; by default through PushBytes.
+    // Appends `size` bytes, not null unless `size` is 0, as one byte array. Copies them once; by default
+    // through PushBytes.
     virtual bool PushByteRange(const void* data, std::size_t size);
     // Reads the next argument like PopBytes without copying it: the bytes stay valid while the message holds
     // its content and `storage` lives, which the default, that goes through PopBytes, reads into.

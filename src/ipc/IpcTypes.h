@@ -33,7 +33,8 @@ typedef enum EIPCMessageType MAVIX_ENUM_32 {
 /* The enumeration travels as 32 bits. */
 typedef char MavixMessageTypeIs32Bits[sizeof(EIPCMessageType) == 4 ? 1 : -1];
 
-/* Receives an event: its id and `length` bytes of payload, which are valid during the call only. */
+/* Receives an event: its id and `length` bytes of payload, which are valid during the call only; null when
+ * there are none. Called on the thread that runs the default GLib main context. */
 typedef void (*MavixEventCallback)(int id, const char* data, int length);
 
 #ifdef __cplusplus

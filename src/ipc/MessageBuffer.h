@@ -37,7 +37,7 @@ public:
     bool PushLongLong(long long value);
     // Appends a copy of `size` bytes; nothing when `size` is 0 or `data` is null.
     bool PushConcatenated(unsigned long size, const void* data);
-    // Appends all bytes of `other`, which may be this buffer.
+    // Appends all bytes of `other`, which is not null and may be this buffer.
     bool PushBuffer(TCMessageBuffer* other);
 
     // Copy a value from `offset` to *out. Beyond the end: assertion; on a release build *out is left as it
@@ -56,7 +56,8 @@ public:
     const void* GetAsVoidFromOffset(unsigned int offset) const;
 
     // Insert at `offset` and move the rest up: existing bytes are never replaced. -1 is the end. An offset
-    // past the end is an assertion, and on a release build stops the process all the same.
+    // past the end is an assertion, and on a release build stops the process all the same, as does any other
+    // negative one. `data` is not null unless `size` is 0.
     bool WriteInt(int value, int offset);
     bool WriteLongLong(long long value, int offset);
     bool WriteConcatenated(unsigned long size, void* data, int offset);

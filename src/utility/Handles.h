@@ -54,21 +54,21 @@ inline VariantHandle SinkVariant(GVariant* variant) {
 }
 
 // Owns a file descriptor; negative is empty.
-class FileDescriptor final {
+class TCFileDescriptor final {
 public:
-    FileDescriptor() = default;
-    explicit FileDescriptor(int descriptor) : m_descriptor(descriptor) {}
-    FileDescriptor(FileDescriptor&& other) noexcept : m_descriptor(other.Release()) {}
-    FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+    TCFileDescriptor() = default;
+    explicit TCFileDescriptor(int descriptor) : m_descriptor(descriptor) {}
+    TCFileDescriptor(TCFileDescriptor&& other) noexcept : m_descriptor(other.Release()) {}
+    TCFileDescriptor& operator=(TCFileDescriptor&& other) noexcept {
         if (this != &other) {
             Close();
             m_descriptor = other.Release();
         }
         return *this;
     }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    ~FileDescriptor() { Close(); }
+    TCFileDescriptor(const TCFileDescriptor&) = delete;
+    TCFileDescriptor& operator=(const TCFileDescriptor&) = delete;
+    ~TCFileDescriptor() { Close(); }
 
     int Get() const { return m_descriptor; }
     explicit operator bool() const { return m_descriptor >= 0; }

@@ -29,12 +29,12 @@ constexpr const char* SourceBaseName(const char* source) {
 #define MAVIX_LOG_SOURCE_NAME (::MavixApiLite::SourceBaseName(MAVIX_SOURCE))
 
 #define MAVIX_LOG_PREFIX "%s: %s(%d) > "
-#define MAVIX_LOG_TEXT(priority, source, function, format)                                                   \
+#define MAVIX_LOG_TEXT(priority, source, function, line, format)                                             \
     static_cast<void>(__dlog_print(MAVIX_LOG_ID_MAIN, priority, MAVIX_LOG_TAG, MAVIX_LOG_PREFIX format,      \
-                                   source, function, __LINE__))
-#define MAVIX_LOG_FORMATTED(priority, source, function, format, ...)                                         \
+                                   source, function, line))
+#define MAVIX_LOG_FORMATTED(priority, source, function, line, format, ...)                                   \
     static_cast<void>(__dlog_print(MAVIX_LOG_ID_MAIN, priority, MAVIX_LOG_TAG, MAVIX_LOG_PREFIX format,      \
-                                   source, function, __LINE__, __VA_ARGS__))
+                                   source, function, line, __VA_ARGS__))
 #define MAVIX_LOG_PICK(a1, a2, a3, a4, a5, a6, a7, a8, a9, a10, a11, a12, picked, ...) picked
 
 // Logs under a stated source and function name: for lambdas, callbacks and headers.
@@ -43,7 +43,7 @@ constexpr const char* SourceBaseName(const char* source) {
                    MAVIX_LOG_FORMATTED, MAVIX_LOG_FORMATTED, MAVIX_LOG_FORMATTED, MAVIX_LOG_FORMATTED,       \
                    MAVIX_LOG_FORMATTED, MAVIX_LOG_FORMATTED, MAVIX_LOG_FORMATTED, MAVIX_LOG_FORMATTED,       \
                    MAVIX_LOG_TEXT, unused)                                                                   \
-    (priority, source, function, __VA_ARGS__)
+    (priority, source, function, __LINE__, __VA_ARGS__)
 
 #define MAVIX_LOGD(...) MAVIX_LOG_AS(MAVIX_LOG_DEBUG, MAVIX_LOG_SOURCE_NAME, __FUNCTION__, __VA_ARGS__)
 #define MAVIX_LOGI(...) MAVIX_LOG_AS(MAVIX_LOG_INFO, MAVIX_LOG_SOURCE_NAME, __FUNCTION__, __VA_ARGS__)
