@@ -2,6 +2,14 @@
 
 using namespace MavixTest;
 
+namespace MavixApiLite {
+
+struct TestAccess {
+    static int CursorOf(const TCGdbusMessage& message) { return message.m_iteratorStatus; }
+};
+
+} // namespace MavixApiLite
+
 namespace {
 
 class GdbusCursor : public GdbusMessageFixture {};
@@ -121,4 +129,22 @@ TEST_F(GdbusCursor, IsClosedByNewContent) {
         ASSERT_TRUE(m_message.InitializeErrorReply(request, "a.b", "text"));
         EXPECT_TRUE(isClosed()) << "InitializeErrorReply, reading " << reading;
     }
+}
+
+TEST_F(GdbusCursor, IsNeitherReadingNorWritingUntilTheFirstArgument) {
+    constexpr int none = 0;
+    constexpr int reading = 1;
+    constexpr int writing = 2;
+    using MavixApiLite::TestAccess;
+    EXPECT_EQ(none, TestAccess::CursorOf(m_message));
+    Adopt(m_message, Built("(1,)"));
+    EXPECT_EQ(none, TestAccess::CursorOf(m_message));
+    ASSERT_TRUE(m_message.PopSkip());
+    EXPECT_EQ(reading, TestAccess::CursorOf(m_message));
+    ASSERT_TRUE(m_message.PopEnd());
+    EXPECT_EQ(none, TestAccess::CursorOf(m_message));
+    ASSERT_TRUE(m_message.PushInt(1));
+    EXPECT_EQ(writing, TestAccess::CursorOf(m_message));
+    ASSERT_TRUE(m_message.PushEnd());
+    EXPECT_EQ(none, TestAccess::CursorOf(m_message));
 }
