@@ -198,8 +198,10 @@ void(g_once_init_leave)(volatile void* location, gsize result) {
 
 void g_async_queue_push(GAsyncQueue* queue, gpointer element) {
     NEXT(g_async_queue_push);
-    __tsan_release(element);
-    __tsan_release(queue);
+    if (queue != nullptr && element != nullptr) {
+        __tsan_release(element);
+        __tsan_release(queue);
+    }
     next(queue, element);
 }
 
