@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <algorithm>
 #include <string>
 
 namespace MavixTest {
@@ -42,10 +42,24 @@ inline bool HasAssertion(const ChildResult& result, const std::string& file, con
     return CountAssertions(result, file, expression) != 0;
 }
 
+// A text with "N" for the numbers of the lines by which a child says that it leaves a function after a failed
+// check.
+inline std::string WithoutLineNumbers(std::string text) {
+    const std::string before = ", line ";
+    for (std::size_t at = text.find(before); at != std::string::npos; at = text.find(before, at)) {
+        at += before.size();
+        const std::size_t end = std::min(text.find_first_not_of("0123456789", at), text.size());
+        if (end > at) {
+            text.replace(at, end - at, "N");
+        }
+    }
+    return text;
+}
+
 // Whether the child said on standard output that it leaves a function after a failed check.
 inline bool HasAssertLine(const ChildResult& result, const std::string& function) {
-    return std::regex_search(result.output,
-                             std::regex("(^|\n)ASSERT!!! - function " + function + ", line [0-9]+\n"));
+    const std::string line = "\nASSERT!!! - function " + function + ", line N\n";
+    return ("\n" + WithoutLineNumbers(result.output)).find(line) != std::string::npos;
 }
 
 } // namespace MavixTest

@@ -124,15 +124,14 @@ TEST_F(Assertion, FormsReportTheirTextAndCarryOnOrLeaveOnARelease) {
     EXPECT_EQ(2u, CountAssertions(result, file, "good == true")) << result.errors;
     EXPECT_TRUE(HasAssertion(result, file, "false")) << result.errors;
     EXPECT_FALSE(HasAssertion(result, file, "Check(true)")) << result.errors;
-    EXPECT_TRUE(
-        std::regex_match(result.output, std::regex("carried on after 2 evaluations\n"
-                                                   "ASSERT!!! - function LeaveWithResult, line [0-9]+\n"
-                                                   "left with -7\n"
-                                                   "ASSERT!!! - function Leave, line [0-9]+\n"
-                                                   "passed: 0\n"
-                                                   "ASSERT!!! - function TheFunction, line [0-9]+\n"
-                                                   "evaluated 4 times\n")))
-        << result.output;
+    EXPECT_EQ("carried on after 2 evaluations\n"
+              "ASSERT!!! - function LeaveWithResult, line N\n"
+              "left with -7\n"
+              "ASSERT!!! - function Leave, line N\n"
+              "passed: 0\n"
+              "ASSERT!!! - function TheFunction, line N\n"
+              "evaluated 4 times\n",
+              WithoutLineNumbers(result.output));
 }
 
 TEST_F(Assertion, ThatLeavesAFunctionAbortsUnlessTheDeviceIsARelease) {
