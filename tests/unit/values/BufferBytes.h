@@ -13,6 +13,12 @@ inline std::string BytesOf(const MavixApiLite::TCMessageBuffer& buffer) {
     return start != nullptr ? std::string(start, buffer.PayloadSize()) : std::string();
 }
 
+inline MavixApiLite::TCMessageBuffer BufferOf(const std::string& bytes) {
+    MavixApiLite::TCMessageBuffer buffer;
+    buffer.PushConcatenated(bytes.size(), bytes.data());
+    return buffer;
+}
+
 } // namespace MavixTest
 
 #endif
