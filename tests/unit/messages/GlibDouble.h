@@ -1,0 +1,20 @@
+#ifndef MAVIX_TEST_GLIB_DOUBLE_H
+#define MAVIX_TEST_GLIB_DOUBLE_H
+
+#include <glib.h>
+
+#include <vector>
+
+namespace MavixTest::GlibDouble {
+
+// Stands between the library and a few functions of GLib in this program.
+void Reset();
+// The intervals of the timeout sources that were made since, in milliseconds.
+std::vector<guint> TimeoutIntervals();
+// Whether contexts and loops can be made.
+void SetContextsFail(bool fail);
+void SetLoopsFail(bool fail);
+
+} // namespace MavixTest::GlibDouble
+
+#endif
