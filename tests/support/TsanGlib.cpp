@@ -19,8 +19,9 @@ void* NextSymbol(const char* name) {
     return dlsym(RTLD_NEXT, name);
 }
 
-// What a source calls and with what. Its own address is the one that both threads know.
+// What a source calls and with what. The source's address is the one that both threads know.
 struct Callback {
+    GSource* source;
     GSourceFunc function;
     gpointer data;
     GDestroyNotify notify;
@@ -28,28 +29,20 @@ struct Callback {
 
 gboolean RunCallback(gpointer record) {
     auto* callback = static_cast<Callback*>(record);
-    __tsan_acquire(callback);
-    if (GSource* source = g_main_current_source()) {
-        __tsan_acquire(source);
-    }
+    GSource* const source = callback->source;
+    __tsan_acquire(source);
     const gboolean again = callback->function(callback->data);
-    __tsan_release(callback);
+    __tsan_release(source);
     return again;
 }
 
 void DestroyCallback(gpointer record) {
     auto* callback = static_cast<Callback*>(record);
-    __tsan_acquire(callback);
+    __tsan_acquire(callback->source);
     if (callback->notify != nullptr) {
         callback->notify(callback->data);
     }
     delete callback;
-}
-
-Callback* NewCallback(GSourceFunc function, gpointer data, GDestroyNotify notify) {
-    auto* callback = new Callback{function, data, notify};
-    __tsan_release(callback);
-    return callback;
 }
 
 // Sources of a type of its own: their table, replaced by one whose functions take over first.
@@ -103,13 +96,25 @@ GSourceFuncs* Replace(const GSourceFuncs* original) {
     return &at->second.replaced;
 }
 
-guint AttachToDefault(GSource* source, gint priority, GSourceFunc function, gpointer data,
-                      GDestroyNotify notify) {
+guint Attach(GSource* source, GMainContext* context, gint priority, GSourceFunc function, gpointer data,
+             GDestroyNotify notify) {
     g_source_set_priority(source, priority);
     g_source_set_callback(source, function, data, notify);
-    const guint id = g_source_attach(source, nullptr);
+    const guint id = g_source_attach(source, context);
     g_source_unref(source);
     return id;
+}
+
+// Whether a function handed to a context runs at once, because the caller iterates it or may; then it is the
+// caller's until it is released, if it was acquired.
+bool RunsAtOnce(GMainContext* context, bool& acquired) {
+    if (g_main_context_is_owner(context) != FALSE) {
+        return true;
+    }
+    GMainContext* own = g_main_context_get_thread_default();
+    own = own != nullptr ? own : g_main_context_default();
+    acquired = own == context && g_main_context_acquire(context) != FALSE;
+    return acquired;
 }
 
 } // namespace
@@ -251,7 +256,7 @@ void g_source_set_callback(GSource* source, GSourceFunc function, gpointer data,
     __tsan_release(source);
     const bool plain = source->source_funcs == &g_timeout_funcs || source->source_funcs == &g_idle_funcs;
     if (plain && function != nullptr) {
-        next(source, RunCallback, NewCallback(function, data, notify), DestroyCallback);
+        next(source, RunCallback, new Callback{source, function, data, notify}, DestroyCallback);
     } else {
         next(source, function, data, notify);
     }
@@ -278,7 +283,7 @@ void g_source_unref(GSource* source) {
 }
 
 guint g_idle_add_full(gint priority, GSourceFunc function, gpointer data, GDestroyNotify notify) {
-    return AttachToDefault(g_idle_source_new(), priority, function, data, notify);
+    return Attach(g_idle_source_new(), nullptr, priority, function, data, notify);
 }
 
 guint g_idle_add(GSourceFunc function, gpointer data) {
@@ -287,7 +292,7 @@ guint g_idle_add(GSourceFunc function, gpointer data) {
 
 guint g_timeout_add_full(gint priority, guint interval, GSourceFunc function, gpointer data,
                          GDestroyNotify notify) {
-    return AttachToDefault(g_timeout_source_new(interval), priority, function, data, notify);
+    return Attach(g_timeout_source_new(interval), nullptr, priority, function, data, notify);
 }
 
 guint g_timeout_add(guint interval, GSourceFunc function, gpointer data) {
@@ -296,7 +301,7 @@ guint g_timeout_add(guint interval, GSourceFunc function, gpointer data) {
 
 guint g_timeout_add_seconds_full(gint priority, guint interval, GSourceFunc function, gpointer data,
                                  GDestroyNotify notify) {
-    return AttachToDefault(g_timeout_source_new_seconds(interval), priority, function, data, notify);
+    return Attach(g_timeout_source_new_seconds(interval), nullptr, priority, function, data, notify);
 }
 
 guint g_timeout_add_seconds(guint interval, GSourceFunc function, gpointer data) {
@@ -305,8 +310,20 @@ guint g_timeout_add_seconds(guint interval, GSourceFunc function, gpointer data)
 
 void g_main_context_invoke_full(GMainContext* context, gint priority, GSourceFunc function, gpointer data,
                                 GDestroyNotify notify) {
-    NEXT(g_main_context_invoke_full);
-    next(context, priority, RunCallback, NewCallback(function, data, notify), DestroyCallback);
+    context = context != nullptr ? context : g_main_context_default();
+    bool acquired = false;
+    if (!RunsAtOnce(context, acquired)) {
+        Attach(g_idle_source_new(), context, priority, function, data, notify);
+        return;
+    }
+    while (function(data) != FALSE) {
+    }
+    if (acquired) {
+        g_main_context_release(context);
+    }
+    if (notify != nullptr) {
+        notify(data);
+    }
 }
 
 void g_main_context_invoke(GMainContext* context, GSourceFunc function, gpointer data) {
