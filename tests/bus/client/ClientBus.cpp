@@ -2,7 +2,7 @@
 
 #include <glib.h>
 
-#include <cstring>
+#include <utility>
 
 namespace MavixTest {
 
@@ -18,14 +18,24 @@ ServiceBus& ServiceBus::OfProcess() {
     return bus;
 }
 
-Bytes IntBytes(std::int32_t value) {
-    Bytes bytes(sizeof value);
-    std::memcpy(bytes.data(), &value, sizeof value);
-    return bytes;
+std::string ServiceBus::FindClient() {
+    EXPECT_TRUE(Settle());
+    return daemon.Records().back().at("sender");
 }
 
-Bytes TextBytes(const std::string& text) {
-    return {text.begin(), text.end()};
+RawCall PeerCall(const std::string& destination, std::optional<std::string> interface,
+                 const std::string& member) {
+    RawCall call;
+    call.destination = destination;
+    call.path = "/";
+    call.interface = std::move(interface);
+    call.member = member;
+    call.body = [](sd_bus_message*) {};
+    return call;
+}
+
+RawCall IntrospectionOf(const std::string& client) {
+    return PeerCall(client, "org.freedesktop.DBus.Introspectable", "Introspect");
 }
 
 CallResult Call(const std::string& interface, short code, const Bytes& input) {
@@ -74,6 +84,7 @@ void ForgetBus(const char* busName) {
     ServiceBus& bus = ServiceBus::OfProcess();
     const bool session = std::string(busName) == sessionBus;
     TCSimDriver& driver = session ? bus.lite : bus.daemon;
+    const std::string client = bus.FindClient();
     ASSERT_TRUE(Call(session ? sessionBus : MavixSim::testInterface, 0).success);
     const std::string line = std::string("[API_LITE] Owner of bus name: ") + busName + " has been removed";
     TCRecordingPlatform& platform = TCRecordingPlatform::Get();
@@ -81,10 +92,11 @@ void ForgetBus(const char* busName) {
     driver.DropName(busName);
     ASSERT_TRUE(platform.WaitFor(line, before + 1));
     driver.TakeName(busName);
+    // The client may have got a notice of that, too: it is handled before what comes after it.
+    ASSERT_FALSE(bus.peer.Call(IntrospectionOf(client)).IsError());
 }
 
 ClientBusTest::ClientBusTest() {
-    EXPECT_TRUE(Settle());
     m_bus.daemon.ClearReplies();
     m_bus.daemon.ClearRecords();
     m_bus.lite.ClearRecords();

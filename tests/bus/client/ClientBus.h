@@ -5,6 +5,7 @@
 #include "RecordingPlatform.h"
 #include "SimDriver.h"
 #include "SimProcess.h"
+#include "tests/bus/sim/RawClient.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,8 +18,6 @@
 
 namespace MavixTest {
 
-using Bytes = TCSimDriver::Bytes;
-
 constexpr const char* defaultBus = "com.norvale.MavixAPI";
 constexpr const char* sessionBus = "com.norvale.ISessionControl";
 
@@ -30,14 +29,14 @@ struct ServiceBus {
     TCSimProcess service;
     TCSimDriver daemon{bus};
     TCSimDriver lite{bus, TCSimDriver::Process::Lite};
+    TCRawClient peer{bus.Address()};
+
+    // The unique name of this process's client, which makes a call for that.
+    std::string FindClient();
 
     // The bus of the whole process, to which the process's one client connects. Outlives the client.
     static ServiceBus& OfProcess();
 };
-
-// The bytes of an int32, as the test interface wants its parameters.
-Bytes IntBytes(std::int32_t value);
-Bytes TextBytes(const std::string& text);
 
 // What a flat call gave.
 struct CallResult {
@@ -58,6 +57,11 @@ bool Settle();
 bool IterateUntil(const std::function<bool()>& condition,
                   std::chrono::milliseconds limit = std::chrono::seconds(60));
 
+// A call that a peer makes to a client, or to the bus.
+RawCall PeerCall(const std::string& destination, std::optional<std::string> interface,
+                 const std::string& member);
+RawCall IntrospectionOf(const std::string& client);
+
 // Makes the client forget a bus: its owner goes and comes back. The next call greets again.
 void ForgetBus(const char* busName = defaultBus);
 
@@ -73,6 +77,7 @@ protected:
     std::vector<std::string> Errors() const;
 
     ServiceBus& m_bus = ServiceBus::OfProcess();
+    std::string m_clientName = m_bus.FindClient(); // on the bus
     TCRecordingPlatform& m_platform = TCRecordingPlatform::Get();
 };
 

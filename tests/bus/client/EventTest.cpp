@@ -247,12 +247,10 @@ TEST_F(BusEvent, WithoutACallbackIsDroppedSilently) {
 
 // The service may address a client alone; no rule is needed then, nor looked at.
 TEST_F(BusEvent, AddressedToTheClientNeedsNoRule) {
-    ASSERT_TRUE(Settle());
-    const std::string client = Records(1).at(0).at("sender");
-    m_bus.daemon.EmitRaw("other-interface", data, "12abc", {9}, {0, 0, client});
+    m_bus.daemon.EmitRaw("other-interface", data, "12abc", {9}, {0, 0, m_clientName});
     EXPECT_TRUE(WaitForEvents(1));
     EXPECT_THAT(events, ElementsAre(Event{data, 12, {9}}));
-    m_bus.daemon.EmitRaw("unknown-member", data, "1", {9}, {0, 0, client});
+    m_bus.daemon.EmitRaw("unknown-member", data, "1", {9}, {0, 0, m_clientName});
     EXPECT_TRUE(
         IterateUntil([this] { return m_platform.Count(6, "[API_LITE] No such type. 'NoSuchEvent'") == 1; }));
 }
@@ -263,8 +261,7 @@ MAVIX_CHILD(ReceiveMalformedEvents) {
     for (int type = 0; type < IPC_MESSAGE_MAX; ++type) {
         IPCConnection__SetCallbackFunction(Type(type), keepers[type]);
     }
-    Settle();
-    const std::string client = bus.daemon.Records().at(0).at("sender");
+    const std::string client = bus.FindClient();
     for (const int type : {data, int{IPC_MESSAGE_SIGNAL}}) {
         for (const std::string& kind : bus.daemon.RawKinds()) {
             bus.daemon.EmitRaw(kind, type, "5", {1}, {0, 0, client});

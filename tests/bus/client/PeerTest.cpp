@@ -2,7 +2,6 @@
 
 #include "ChildProgram.h"
 #include "IPCUtility.h"
-#include "tests/bus/sim/RawClient.h"
 
 // What other programs on the bus can ask of the client and do to it.
 
@@ -17,30 +16,16 @@ constexpr const char* unknownMethod = "org.freedesktop.DBus.Error.UnknownMethod"
 
 class Peer : public ClientBusTest {
 protected:
-    Peer() {
-        EXPECT_TRUE(Settle());
-        m_uniqueName = Records(1).at(0).at("sender");
-        m_name = MavixApiLite::TCIPCUtility::GenerateSubConnectionName(m_uniqueName);
-    }
-
     RawCall CallOf(std::optional<std::string> interface, const std::string& member) const {
-        RawCall call;
-        call.destination = m_name;
-        call.path = "/";
-        call.interface = std::move(interface);
-        call.member = member;
-        call.body = [](sd_bus_message*) {};
-        return call;
+        return PeerCall(m_name, std::move(interface), member);
     }
-    RawCall Introspect() const { return CallOf("org.freedesktop.DBus.Introspectable", "Introspect"); }
+    RawReply Introspect() { return m_bus.peer.Call(IntrospectionOf(m_name)); }
     // Iterates the default context until the line is there.
     bool LineComes(const std::string& text, std::size_t count = 1) {
         return IterateUntil([&] { return m_platform.Count(6, text) >= count; });
     }
 
-    std::string m_uniqueName;
-    std::string m_name;
-    TCRawClient m_peer{m_bus.bus.Address()};
+    const std::string m_name = MavixApiLite::TCIPCUtility::GenerateSubConnectionName(m_clientName);
 };
 
 const std::string introspection = "<node>  <interface name='org.freedesktop.DBus.Introspectable'>        "
@@ -48,22 +33,21 @@ const std::string introspection = "<node>  <interface name='org.freedesktop.DBus
                                   "direction='out'/>        </method>  </interface></node>";
 
 TEST_F(Peer, FindsTheClientUnderTheNameMadeOfItsUniqueName) {
-    RawCall ask = CallOf("org.freedesktop.DBus", "GetNameOwner");
-    ask.destination = "org.freedesktop.DBus";
+    RawCall ask = PeerCall("org.freedesktop.DBus", "org.freedesktop.DBus", "GetNameOwner");
     ask.path = "/org/freedesktop/DBus";
     ask.body = [this](sd_bus_message* message) {
         MavixSim::Check(sd_bus_message_append(message, "s", m_name.c_str()), "append");
     };
-    const RawReply reply = m_peer.Call(ask);
+    const RawReply reply = m_bus.peer.Call(ask);
     ASSERT_FALSE(reply.IsError()) << reply.errorName;
     const char* owner = nullptr;
     MavixSim::Check(sd_bus_message_read_basic(reply.message.get(), 's', &owner), "read");
-    EXPECT_EQ(m_uniqueName, owner);
+    EXPECT_EQ(m_clientName, owner);
 }
 
 TEST_F(Peer, GetsTheIntrospectionTextWhileTheDefaultContextRests) {
     ASSERT_EQ(191U, introspection.size());
-    const RawReply reply = m_peer.Call(Introspect());
+    const RawReply reply = Introspect();
     ASSERT_FALSE(reply.IsError()) << reply.errorName;
     EXPECT_EQ("s", reply.Signature());
     const char* text = nullptr;
@@ -73,15 +57,15 @@ TEST_F(Peer, GetsTheIntrospectionTextWhileTheDefaultContextRests) {
 }
 
 TEST_F(Peer, GetsTheIntrospectionTextWhileACallbackRuns) {
-    static Peer* self;
-    static bool answered;
-    self = this;
-    answered = false;
-    IPCConnection__SetCallbackFunction(IPC_MESSAGE_DATA, [](int, const char*, int) {
-        answered = !self->m_peer.Call(self->Introspect()).IsError();
-    });
-    m_bus.daemon.Emit(IPC_MESSAGE_DATA, 1, {1}, {0, 0, m_uniqueName});
-    EXPECT_TRUE(IterateUntil([] { return answered; }, std::chrono::seconds(30)));
+    static std::function<void()> inside;
+    bool ran = false;
+    inside = [this, &ran] {
+        ran = true;
+        EXPECT_FALSE(Introspect().IsError());
+    };
+    IPCConnection__SetCallbackFunction(IPC_MESSAGE_DATA, [](int, const char*, int) { inside(); });
+    m_bus.daemon.Emit(IPC_MESSAGE_DATA, 1, {1}, {0, 0, m_clientName});
+    EXPECT_TRUE(IterateUntil([&ran] { return ran; }));
 }
 
 TEST_F(Peer, GetsNoAnswerToACallThatTheClientDoesNotKnow) {
@@ -91,7 +75,7 @@ TEST_F(Peer, GetsNoAnswerToACallThatTheClientDoesNotKnow) {
         {"org.freedesktop.DBus.Properties", "GetAll"},
     };
     for (const auto& [interface, member] : calls) {
-        const RawReply reply = m_peer.Call(CallOf(interface, member), noAnswer);
+        const RawReply reply = m_bus.peer.Call(CallOf(interface, member), noAnswer);
         EXPECT_TRUE(reply.IsError());
         EXPECT_NE(unknownMethod, reply.errorName);
         EXPECT_TRUE(LineComes(std::string("[API_LITE] No such type. '") + member + "'"));
@@ -102,7 +86,7 @@ TEST_F(Peer, GetsNoAnswerToACallThatTheClientDoesNotKnow) {
 TEST_F(Peer, GetsUnknownMethodForACallWithoutAnInterfaceAndTheClientLives) {
     for (int time = 1; time <= 3; ++time) {
         m_platform.Reset();
-        const RawReply reply = m_peer.Call(CallOf(std::nullopt, "Anything"));
+        const RawReply reply = m_bus.peer.Call(CallOf(std::nullopt, "Anything"));
         EXPECT_EQ(unknownMethod, reply.errorName);
         EXPECT_EQ("", reply.errorText);
         // GIO has set the body of the reply, so there was nothing to push.
@@ -111,7 +95,7 @@ TEST_F(Peer, GetsUnknownMethodForACallWithoutAnInterfaceAndTheClientLives) {
         EXPECT_EQ(1U, m_platform.CountStarting(6, "[API_LITE] exception: "));
         EXPECT_TRUE(Settle());
     }
-    EXPECT_FALSE(m_peer.Call(Introspect()).IsError());
+    EXPECT_FALSE(Introspect().IsError());
 }
 
 MAVIX_CHILD(StartAndIterate) {
@@ -140,8 +124,8 @@ TEST_F(Peer, OtherSignalsAreUnknownTypesAndDropped) {
     signal.path = "/some/where";
     signal.interface = "com.norvale.Other";
     signal.member = "Anything";
-    signal.destination = m_uniqueName;
-    m_peer.Emit(signal);
+    signal.destination = m_clientName;
+    m_bus.peer.Emit(signal);
     EXPECT_TRUE(LineComes("[API_LITE] No such type. 'Anything'"));
 }
 
@@ -151,12 +135,12 @@ TEST_F(Peer, AFloodOfCallsIsSurvived) {
         RawCall call =
             CallOf(at % 2 == 0 ? std::optional<std::string>("com.norvale.ITest") : std::nullopt, "Flood");
         call.noReply = true;
-        m_peer.Send(call);
+        m_bus.peer.Send(call);
     }
     EXPECT_TRUE(LineComes("[API_LITE] No such type. 'Flood'", count / 2));
     EXPECT_TRUE(m_platform.WaitFor("Unhandled method", count / 2));
     EXPECT_TRUE(Settle());
-    EXPECT_FALSE(m_peer.Call(Introspect()).IsError());
+    EXPECT_FALSE(Introspect().IsError());
 }
 
 TEST_F(Peer, HugeAndOddArgumentsAreSurvived) {
@@ -166,14 +150,14 @@ TEST_F(Peer, HugeAndOddArgumentsAreSurvived) {
         const Bytes bytes(16777216);
         MavixSim::Check(sd_bus_message_append_array(message, 'y', bytes.data(), bytes.size()), "append");
     };
-    m_peer.Send(huge);
+    m_bus.peer.Send(huge);
     huge.body = [](sd_bus_message* message) {
         MavixSim::Check(sd_bus_message_append(message, "a{sv}(ii)vay", 0, 1, 2, "a(s)", 1, "x", 0), "append");
     };
-    m_peer.Send(huge);
+    m_bus.peer.Send(huge);
     huge.interface = "org.freedesktop.DBus.Introspectable";
     huge.member = "Introspect";
-    m_peer.Send(huge);
+    m_bus.peer.Send(huge);
     EXPECT_TRUE(LineComes("[API_LITE] No such type. 'NoSuchMethod'", 2));
     EXPECT_TRUE(m_platform.WaitFor("Handling Introspection request"));
     EXPECT_TRUE(Settle());
