@@ -1,4 +1,5 @@
 #include "GdbusError.h"
+#include "LogPriorities.h"
 #include "RecordingPlatform.h"
 
 #include <gio/gio.h>
@@ -34,7 +35,7 @@ TEST(GdbusError, AnErrorIsLoggedInTwoLinesAndForgotten) {
     EXPECT_EQ("[API_LITE] operation failed!", lines[0].text);
     EXPECT_EQ("[API_LITE] 'broken'", lines[1].text);
     for (const LogLine& line : lines) {
-        EXPECT_EQ(6, line.priority);
+        EXPECT_EQ(errorLine, line.priority);
         EXPECT_EQ("MAVIX_API", line.tag);
         EXPECT_EQ("GdbusError", line.source);
         EXPECT_EQ("CheckErrorAndReset", line.function);
@@ -50,7 +51,7 @@ TEST(GdbusError, CanBeUsedAgain) {
         Fail(error.GetRawError());
         EXPECT_TRUE(error.CheckErrorAndReset());
         EXPECT_EQ(static_cast<std::size_t>(round),
-                  TCRecordingPlatform::Get().Count(6, "[API_LITE] operation failed!"));
+                  TCRecordingPlatform::Get().Count(errorLine, "[API_LITE] operation failed!"));
     }
 }
 
@@ -59,16 +60,16 @@ TEST(GdbusError, AnErrorThatNobodyLookedAtIsLoggedOnDestruction) {
         TCGdbusError error("operation");
         Fail(error.GetRawError(), "unseen");
     }
-    EXPECT_EQ(1U, TCRecordingPlatform::Get().Count(6, "[API_LITE] operation failed!"));
-    EXPECT_EQ(1U, TCRecordingPlatform::Get().Count(6, "[API_LITE] 'unseen'"));
+    EXPECT_EQ(1U, TCRecordingPlatform::Get().Count(errorLine, "[API_LITE] operation failed!"));
+    EXPECT_EQ(1U, TCRecordingPlatform::Get().Count(errorLine, "[API_LITE] 'unseen'"));
 }
 
 TEST(GdbusError, TextsAreNoFormats) {
     TCGdbusError error("100%s");
     Fail(error.GetRawError(), "%n%s");
     EXPECT_TRUE(error.CheckErrorAndReset());
-    EXPECT_EQ(1U, TCRecordingPlatform::Get().Count(6, "[API_LITE] 100%s failed!"));
-    EXPECT_EQ(1U, TCRecordingPlatform::Get().Count(6, "[API_LITE] '%n%s'"));
+    EXPECT_EQ(1U, TCRecordingPlatform::Get().Count(errorLine, "[API_LITE] 100%s failed!"));
+    EXPECT_EQ(1U, TCRecordingPlatform::Get().Count(errorLine, "[API_LITE] '%n%s'"));
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "GSourceHandler.h"
 #include "GdbusConnection.h"
+#include "LogPriorities.h"
+#include "MessageFilterContext.h"
 #include "RecordingPlatform.h"
 
 #include <gtest/gtest.h>
@@ -67,7 +69,7 @@ TEST_F(GdbusFilter, WithoutContextOrQueueItSaysSoAndPassesTheMessageOn) {
     EXPECT_EQ(m_signal.get(), TestAccess::Filter(m_signal.get(), true, nullptr));
     MessageFilterContext withoutQueue{m_context.get(), nullptr};
     EXPECT_EQ(m_signal.get(), TestAccess::Filter(m_signal.get(), true, &withoutQueue));
-    EXPECT_EQ(2U, TCRecordingPlatform::Get().Count(6, "No context or queue!"));
+    EXPECT_EQ(2U, TCRecordingPlatform::Get().Count(errorLine, "No context or queue!"));
     EXPECT_EQ("m_MessageHandlerHelper", TCRecordingPlatform::Get().Lines().at(0).function);
 }
 

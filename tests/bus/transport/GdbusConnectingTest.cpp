@@ -1,0 +1,157 @@
+#include "FakeBus.h"
+#include "GdbusConnection.h"
+#include "GioFaults.h"
+#include "LogPriorities.h"
+#include "PrivateBus.h"
+#include "RecordingPlatform.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+// The one attempt to connect: its thread, its waits and its end.
+
+namespace MavixTest {
+
+namespace {
+
+using MavixApiLite::TCGdbusConnection;
+
+// A connection that reports its failure instead of stopping the process.
+class FailingConnection final : public TCGdbusConnection {
+public:
+    ~FailingConnection() override { t_CleanupConnection(); }
+
+    std::atomic<int> failures{0};
+    std::atomic<int> threads{0};
+    std::atomic<pthread_t> failedOn{};
+
+protected:
+    void t_SetConnectingThread(std::thread thread) override {
+        ++threads;
+        TCGdbusConnection::t_SetConnectingThread(std::move(thread));
+    }
+    void t_ConnectErrorHandler() override {
+        failedOn = pthread_self();
+        ++failures;
+    }
+};
+
+class GdbusConnecting : public testing::Test {
+protected:
+    TCRecordingPlatform& m_log = TCRecordingPlatform::Get();
+    FailingConnection m_connection;
+};
+
+TEST_F(GdbusConnecting, WaitsForTheBusReadyEventOnceAndForTenSeconds) {
+    std::atomic<pthread_t> connectingThread{};
+    m_log.waitEvent = [&](const char*, int) {
+        connectingThread = pthread_self();
+        return -7;
+    };
+    m_connection.Connect("Connecting", nullptr);
+    EXPECT_FALSE(m_connection.WaitConnected());
+    EXPECT_EQ(std::vector<std::string>{"LwipcWaitEvent(/tmp/dbus_launch, 10000)"}, m_log.Calls());
+    EXPECT_EQ(1U, m_log.Count(errorLine, "dbus not ready!"));
+    EXPECT_EQ("m_Connect", m_log.LinesWith("dbus not ready!").at(0).function);
+    EXPECT_EQ(1, m_connection.failures);
+    EXPECT_EQ(connectingThread, m_connection.failedOn);
+    EXPECT_EQ(0U, m_log.CountStarting(debugLine, "[API_LITE][END]"));
+}
+
+TEST_F(GdbusConnecting, AResultThatIsNotNegativeIsReadiness) {
+    const TCPrivateBus bus;
+    m_log.waitEvent = [](const char*, int) { return 3; };
+    m_connection.Connect("Connecting", nullptr);
+    EXPECT_TRUE(m_connection.WaitConnected());
+    EXPECT_EQ(0, m_connection.failures);
+    EXPECT_EQ(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION,
+              GioFaults::usedFlags);
+}
+
+TEST_F(GdbusConnecting, OneThreadIsStartedForManyConnects) {
+    std::atomic<bool> goOn{false};
+    m_log.waitEvent = [&](const char*, int) {
+        while (!goOn) {
+            std::this_thread::yield();
+        }
+        return -1;
+    };
+    for (int at = 0; at < 5; ++at) {
+        EXPECT_TRUE(m_connection.Connect("Connecting", nullptr));
+    }
+    EXPECT_EQ(1, m_connection.threads);
+    goOn = true;
+    EXPECT_FALSE(m_connection.WaitConnected());
+    EXPECT_EQ(1, m_connection.failures);
+    EXPECT_TRUE(m_connection.Connect("Connecting", nullptr));
+    EXPECT_EQ(2, m_connection.threads);
+    EXPECT_FALSE(m_connection.WaitConnected());
+}
+
+// The ids of threads are used again, so that of the connecting thread must not outlive it.
+TEST_F(GdbusConnecting, NoLaterThreadIsTakenForTheConnectingOne) {
+    m_log.waitEvent = [](const char*, int) { return -1; };
+    std::size_t reused = 0;
+    for (int round = 0; round < 20; ++round) {
+        m_connection.Connect("Connecting", nullptr);
+        EXPECT_FALSE(m_connection.WaitConnected());
+        std::thread([&] {
+            reused += pthread_equal(m_connection.failedOn, pthread_self()) != 0 ? 1U : 0U;
+            EXPECT_EQ("", m_connection.GetUniqueName());
+            bool hasOwner = false;
+            EXPECT_FALSE(m_connection.BusHasOwner("com.norvale.Sim.Own", 100, hasOwner));
+        }).join();
+    }
+    EXPECT_GT(reused, 0U) << "no id was used again, so this showed nothing";
+    EXPECT_EQ(0U, m_log.Count("Called from initializer. Do not block here"));
+    EXPECT_EQ(40U, m_log.Count(errorLine, "[API_LITE] not connected!"));
+}
+
+TEST_F(GdbusConnecting, AFailureThatNobodyWaitedForIsFoundByTheNextUser) {
+    m_log.waitEvent = [](const char*, int) { return -1; };
+    m_connection.Connect("Connecting", nullptr);
+    EXPECT_TRUE(m_log.WaitFor("dbus not ready!"));
+    EXPECT_FALSE(m_connection.AddMatch("type='signal'"));
+    EXPECT_EQ(1U, m_log.Count(infoLine, "[API_LITE][END] Wait for DBUS connection (nil)"));
+    EXPECT_EQ(1U, m_log.Count(errorLine, "[API_LITE] not connected!"));
+}
+
+TEST_F(GdbusConnecting, AMuteBusLetsEverybodyWaitUntilItHangsUp) {
+    TCFakeBus bus(TCFakeBus::Manners::Mute);
+    m_connection.Connect("Connecting", nullptr);
+    ASSERT_TRUE(bus.WaitForConnections(1));
+    std::atomic<int> returned{0};
+    std::atomic<int> succeeded{0};
+    std::vector<std::thread> users;
+    const auto use = [&](const auto& request) {
+        users.emplace_back([&, request] {
+            succeeded += request() ? 1 : 0;
+            ++returned;
+        });
+    };
+    bool hasOwner = false;
+    use([&] { return m_connection.WaitConnected(); });
+    use([&] { return !m_connection.GetUniqueName().empty(); });
+    use([&] { return m_connection.AddMatch("type='signal'"); });
+    use([&] { return m_connection.BusHasOwner("org.freedesktop.DBus", 10, hasOwner); });
+    ASSERT_TRUE(m_log.WaitFor("[API_LITE][START] Wait for DBUS connection"));
+    // There is nothing to wait for: the point is that nothing happens.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(0, returned);
+    bus.Close();
+    for (std::thread& user : users) {
+        user.join();
+    }
+    EXPECT_EQ(0, succeeded);
+    EXPECT_EQ(1, m_connection.failures);
+    EXPECT_EQ(1U, m_log.Count(errorLine, "[API_LITE] m_Connect failed!"));
+}
+
+} // namespace
+
+} // namespace MavixTest
