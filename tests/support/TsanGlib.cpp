@@ -1,5 +1,6 @@
 #include <gio/gio.h>
 
+#include <atomic>
 #include <dlfcn.h>
 #include <map>
 #include <mutex>
@@ -117,9 +118,46 @@ bool RunsAtOnce(GMainContext* context, bool& acquired) {
     return acquired;
 }
 
-} // namespace
-
 #define NEXT(function) static const auto next = reinterpret_cast<decltype(&function)>(NextSymbol(#function))
+
+void TryRecursive(GRecMutex* mutex) {
+    NEXT(g_rec_mutex_trylock);
+    if (next(mutex) != FALSE) {
+        g_rec_mutex_unlock(mutex);
+    }
+}
+
+void TryReader(GRWLock* lock) {
+    NEXT(g_rw_lock_reader_trylock);
+    if (next(lock) != FALSE) {
+        g_rw_lock_reader_unlock(lock);
+    }
+}
+
+// GLib allocates what these locks stand on at their first use, by whichever thread comes first.
+template <class Lock>
+void EnsureMade(Lock* lock, void (*firstUse)(Lock*)) {
+    static std::atomic_flag busy = ATOMIC_FLAG_INIT;
+    if (__atomic_load_n(&lock->p, __ATOMIC_SEQ_CST) == nullptr) {
+        while (busy.test_and_set()) {
+        }
+        if (__atomic_load_n(&lock->p, __ATOMIC_SEQ_CST) == nullptr) {
+            firstUse(lock);
+            __tsan_release(&lock->i);
+        }
+        busy.clear();
+    }
+    __tsan_acquire(&lock->i);
+}
+
+// Those that GLib uses inside itself, for the types of variants and the domains of errors, are made here,
+// before there are threads.
+__attribute__((constructor)) void MakeInnerLocks() {
+    g_variant_unref(g_variant_ref_sink(g_variant_new("(i)", 0)));
+    g_error_free(g_error_new_literal(G_FILE_ERROR, 0, ""));
+}
+
+} // namespace
 
 #pragma GCC visibility push(default)
 
@@ -148,25 +186,42 @@ void g_mutex_unlock(GMutex* mutex) {
     next(mutex);
 }
 
+// These stand on a lock of pthreads, which the sanitizer sees; what it does not see is who made that lock.
+
 void g_rec_mutex_lock(GRecMutex* mutex) {
     NEXT(g_rec_mutex_lock);
+    EnsureMade(mutex, TryRecursive);
     next(mutex);
-    __tsan_acquire(mutex);
 }
 
 gboolean g_rec_mutex_trylock(GRecMutex* mutex) {
     NEXT(g_rec_mutex_trylock);
-    const gboolean locked = next(mutex);
-    if (locked != FALSE) {
-        __tsan_acquire(mutex);
-    }
-    return locked;
+    EnsureMade(mutex, TryRecursive);
+    return next(mutex);
 }
 
-void g_rec_mutex_unlock(GRecMutex* mutex) {
-    NEXT(g_rec_mutex_unlock);
-    __tsan_release(mutex);
-    next(mutex);
+void g_rw_lock_reader_lock(GRWLock* lock) {
+    NEXT(g_rw_lock_reader_lock);
+    EnsureMade(lock, TryReader);
+    next(lock);
+}
+
+gboolean g_rw_lock_reader_trylock(GRWLock* lock) {
+    NEXT(g_rw_lock_reader_trylock);
+    EnsureMade(lock, TryReader);
+    return next(lock);
+}
+
+void g_rw_lock_writer_lock(GRWLock* lock) {
+    NEXT(g_rw_lock_writer_lock);
+    EnsureMade(lock, TryReader);
+    next(lock);
+}
+
+gboolean g_rw_lock_writer_trylock(GRWLock* lock) {
+    NEXT(g_rw_lock_writer_trylock);
+    EnsureMade(lock, TryReader);
+    return next(lock);
 }
 
 void g_cond_wait(GCond* condition, GMutex* mutex) {
