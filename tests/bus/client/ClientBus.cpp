@@ -2,8 +2,6 @@
 
 #include <glib.h>
 
-#include <utility>
-
 namespace MavixTest {
 
 using MavixSim::Behaviour;
@@ -23,12 +21,15 @@ std::string ServiceBus::FindClient() {
     return daemon.Records().back().at("sender");
 }
 
-RawCall PeerCall(const std::string& destination, std::optional<std::string> interface,
-                 const std::string& member) {
+RawCall PeerCall(const std::string& destination, const char* interface, const std::string& member) {
     RawCall call;
     call.destination = destination;
     call.path = "/";
-    call.interface = std::move(interface);
+    if (interface != nullptr) {
+        call.interface = interface;
+    } else {
+        call.interface.reset();
+    }
     call.member = member;
     call.body = [](sd_bus_message*) {};
     return call;

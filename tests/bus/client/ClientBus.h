@@ -57,9 +57,8 @@ bool Settle();
 bool IterateUntil(const std::function<bool()>& condition,
                   std::chrono::milliseconds limit = std::chrono::seconds(60));
 
-// A call that a peer makes to a client, or to the bus.
-RawCall PeerCall(const std::string& destination, std::optional<std::string> interface,
-                 const std::string& member);
+// A call that a peer makes to a client, or to the bus. The interface may be null.
+RawCall PeerCall(const std::string& destination, const char* interface, const std::string& member);
 RawCall IntrospectionOf(const std::string& client);
 
 // Makes the client forget a bus: its owner goes and comes back. The next call greets again.
