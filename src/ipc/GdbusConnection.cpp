@@ -262,6 +262,7 @@ bool TCGdbusConnection::m_StartDispatching(const std::string& name, TIIpcConnect
     if (!owner->InitializeIpcConnection(this)) {
         MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, "m_Connect", "Owner initialization failed!");
         filterContext.reset();
+        FlushBeforeClose(m_connection.get());
         TCGdbusError error("m_Connect");
         g_dbus_connection_close_sync(m_connection.get(), nullptr, error.GetRawError());
         m_connection.reset();
