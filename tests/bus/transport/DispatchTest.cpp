@@ -1,3 +1,4 @@
+#include "Await.h"
 #include "DbusBusWrapper.h"
 #include "TransportFixture.h"
 
@@ -169,6 +170,19 @@ TYPED_TEST(DispatchTest, NothingIsDeliveredAfterDestruction) {
     EXPECT_EQ(std::vector<std::string>{"Before"}, this->m_owner.Messages());
 }
 
+TYPED_TEST(DispatchTest, SignalsOfTheBusItselfReachTheOwnerToo) {
+    ASSERT_TRUE(this->Connect(&this->m_owner));
+    EXPECT_TRUE(this->m_connection->RequestName("com.norvale.Sim.Own"));
+    EXPECT_TRUE(this->m_connection->ReleaseName("com.norvale.Sim.Own"));
+    EXPECT_TRUE(Await([this] {
+        const std::vector<std::string> signals = this->m_owner.BusSignals();
+        return !signals.empty() && signals.back() == "NameLost";
+    }));
+    const std::vector<std::string> signals = this->m_owner.BusSignals();
+    ASSERT_GE(signals.size(), 2U);
+    EXPECT_EQ("NameAcquired", signals[signals.size() - 2]);
+}
+
 // Replies are GIO's own business, asked for or not.
 using GdbusDispatchTest = DispatchTest<MavixApiLite::TCGdbusConnection>;
 
@@ -183,6 +197,24 @@ TEST_F(GdbusDispatchTest, RepliesNeverReachTheOwner) {
     // Comes after the replies.
     m_peer.Call(Ask());
     EXPECT_EQ(std::vector<std::string>{"Ask"}, m_owner.Messages());
+}
+
+// What GIO would answer by itself is taken from it.
+TEST_F(GdbusDispatchTest, PingsAreTheOwnersAffair) {
+    ASSERT_TRUE(Connect(&m_owner));
+    RawCall ping = Ask("Ping");
+    ping.interface = "org.freedesktop.DBus.Peer";
+    EXPECT_EQ(unknownMethod, m_peer.Call(ping).errorName);
+    EXPECT_EQ(std::vector<std::string>{"Ping"}, m_owner.Messages());
+}
+
+TEST_F(GdbusDispatchTest, WithoutOwnerGioAnswersByItself) {
+    ASSERT_TRUE(Connect());
+    RawCall ping = Ask("Ping");
+    ping.interface = "org.freedesktop.DBus.Peer";
+    EXPECT_FALSE(m_peer.Call(ping).IsError());
+    EXPECT_EQ(unknownMethod, m_peer.Call(Ask()).errorName);
+    EXPECT_EQ(0U, Lines(errorLine, "Unhandled method"));
 }
 
 } // namespace

@@ -156,7 +156,7 @@ void TCFakeBus::m_Take(sd_bus_message* message) {
     const char* name = sd_bus_message_get_member(message);
     const std::string member = name != nullptr ? name : "";
     Answer answer;
-    if (member == "Hello") {
+    if (member == "Hello" && m_manners == Manners::Serve) {
         answer = [](sd_bus_message* reply) {
             Check(sd_bus_message_append_basic(reply, 's', ":1.1"), "append");
         };

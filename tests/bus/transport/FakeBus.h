@@ -22,8 +22,9 @@ namespace MavixTest {
 class TCFakeBus final {
 public:
     enum class Manners {
-        Mute, // accepts connections and never says a word
-        Serve // lets clients in, answers Hello, and everything else as told
+        Mute,   // accepts connections and never says a word
+        Silent, // lets clients in and answers nothing, not even Hello
+        Serve   // lets clients in, answers Hello, and everything else as told
     };
     // Appends an answer's arguments; for members without one nothing is answered.
     using Answer = std::function<void(sd_bus_message* reply)>;

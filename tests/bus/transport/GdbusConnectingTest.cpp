@@ -1,14 +1,17 @@
+#include "FailingConnection.h"
 #include "FakeBus.h"
-#include "GdbusConnection.h"
 #include "GioFaults.h"
 #include "LogPriorities.h"
 #include "PrivateBus.h"
+#include "RawClient.h"
+#include "RecordingOwner.h"
 #include "RecordingPlatform.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,28 +21,6 @@
 namespace MavixTest {
 
 namespace {
-
-using MavixApiLite::TCGdbusConnection;
-
-// A connection that reports its failure instead of stopping the process.
-class FailingConnection final : public TCGdbusConnection {
-public:
-    ~FailingConnection() override { t_CleanupConnection(); }
-
-    std::atomic<int> failures{0};
-    std::atomic<int> threads{0};
-    std::atomic<pthread_t> failedOn{};
-
-protected:
-    void t_SetConnectingThread(std::thread thread) override {
-        ++threads;
-        TCGdbusConnection::t_SetConnectingThread(std::move(thread));
-    }
-    void t_ConnectErrorHandler() override {
-        failedOn = pthread_self();
-        ++failures;
-    }
-};
 
 class GdbusConnecting : public testing::Test {
 protected:
@@ -150,6 +131,51 @@ TEST_F(GdbusConnecting, AMuteBusLetsEverybodyWaitUntilItHangsUp) {
     EXPECT_EQ(0, succeeded);
     EXPECT_EQ(1, m_connection.failures);
     EXPECT_EQ(1U, m_log.Count(errorLine, "[API_LITE] m_Connect failed!"));
+}
+
+// The bus stops reading while the owner's initialiser sends.
+TEST_F(GdbusConnecting, ABusThatDoesNotReadDoesNotHoldUpAFailedInitialiser) {
+    TCFakeBus bus(TCFakeBus::Manners::Serve);
+    TCRecordingOwner owner;
+    owner.onInitialize = [&bus](MavixApiLite::TIIpcConnection* connection) {
+        bus.StopReading();
+        // More than any socket holds.
+        const std::string rule = "arg0='" + std::string(1U << 20U, 'x') + "'";
+        for (int at = 0; at < 4; ++at) {
+            EXPECT_TRUE(connection->AddMatch(rule.c_str()));
+        }
+        return false;
+    };
+    const auto start = std::chrono::steady_clock::now();
+    m_connection.Connect("Connecting", &owner);
+    EXPECT_FALSE(m_connection.WaitConnected());
+    EXPECT_LT(std::chrono::steady_clock::now() - start,
+              std::chrono::milliseconds(1500 + 500 * MAVIX_TEST_SCALE_DIVISOR));
+    EXPECT_EQ(1, m_connection.failures);
+}
+
+TEST_F(GdbusConnecting, WhatAFailedInitialiserSentLeavesAllTheSame) {
+    const TCPrivateBus bus;
+    TCRawClient receiver(bus.Address());
+    receiver.KeepUnicast();
+    const std::string name = receiver.UniqueName();
+    TCRecordingOwner owner;
+    owner.onInitialize = [&name](MavixApiLite::TIIpcConnection* connection) {
+        for (int at = 0; at < 50; ++at) {
+            const auto message = connection->GetMessageAllocatorInstance()->NewMessage(nullptr);
+            EXPECT_TRUE(message->Initialize(MavixApiLite::TIIpcMessage::Signal, name.c_str(), peerPath,
+                                            peerInterface, "Parting"));
+            EXPECT_TRUE(connection->Send(*message));
+        }
+        return false;
+    };
+    m_connection.Connect("Connecting", &owner);
+    EXPECT_FALSE(m_connection.WaitConnected());
+    for (int count = 0; count < 50;) {
+        const std::optional<RawEvent> event = receiver.NextEvent();
+        ASSERT_TRUE(event) << "after " << count;
+        count += event->member == "Parting" ? 1 : 0;
+    }
 }
 
 } // namespace

@@ -28,6 +28,8 @@ bool TCRecordingOwner::InitializeIpcConnection(TIIpcConnection* connection) {
 
 bool TCRecordingOwner::FilterIpcMessage(TIIpcMessage& message) {
     if (IsSignalOfTheBus(message)) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_busSignals.emplace_back(message.GetMember());
         return false;
     }
     const char* member = message.GetMember();
@@ -50,6 +52,11 @@ std::size_t TCRecordingOwner::Initialisations() const {
 std::vector<std::string> TCRecordingOwner::Messages() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_messages;
+}
+
+std::vector<std::string> TCRecordingOwner::BusSignals() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_busSignals;
 }
 
 std::string TCRecordingOwner::ThreadName() const {

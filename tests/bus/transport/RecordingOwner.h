@@ -17,8 +17,8 @@ constexpr const char* peerPath = "/com/norvale/Sim";
 constexpr const char* peerInterface = "com.norvale.Sim.Peer";
 constexpr const char* noMember = "(no member)";
 
-// An owner that keeps what its connection tells it. The messages of the bus itself, such as NameAcquired, are
-// left alone and not kept. The hooks are set before Connect; any thread may look at the records.
+// An owner that keeps what its connection tells it. The signals of the bus itself, such as NameAcquired, are
+// kept apart and left alone. The hooks are set before Connect; any thread may look at the records.
 class TCRecordingOwner final : public MavixApiLite::TIIpcConnectionOwner {
 public:
     // What the initialiser does and returns; by default it does nothing and returns true.
@@ -32,6 +32,7 @@ public:
     std::size_t Initialisations() const;
     // Their members, in order of arrival; noMember for replies.
     std::vector<std::string> Messages() const;
+    std::vector<std::string> BusSignals() const;
     // The name of the thread that brought the last message.
     std::string ThreadName() const;
     bool WaitForMessages(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(60)) const;
@@ -41,6 +42,7 @@ private:
     mutable std::condition_variable m_changed;
     std::size_t m_initialisations = 0;
     std::vector<std::string> m_messages;
+    std::vector<std::string> m_busSignals;
     std::string m_threadName;
 };
 

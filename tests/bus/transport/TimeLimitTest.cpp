@@ -1,4 +1,5 @@
 #include "DbusBusWrapper.h"
+#include "FailingConnection.h"
 #include "FakeBus.h"
 #include "TransportFixture.h"
 
@@ -45,6 +46,18 @@ TEST_F(GdbusTimeLimitTest, ABusThatNeverAnswersKeepsAReleaseFor25Seconds) {
     EXPECT_EQ(1U, Lines(errorLine, "[API_LITE] 'Timeout was reached'"));
     EXPECT_EQ(1U, Lines(errorLine, "No reply!"));
     m_connection.reset();
+}
+
+TEST_F(GdbusTimeLimitTest, ABusThatDoesNotGreetFailsTheConnectAfter25Seconds) {
+    TCFakeBus silent(TCFakeBus::Manners::Silent);
+    FailingConnection connection;
+    const auto start = steady_clock::now();
+    connection.Connect("TimeLimit", nullptr);
+    EXPECT_FALSE(connection.WaitConnected());
+    EXPECT_GE(steady_clock::now() - start, milliseconds(24900));
+    EXPECT_LT(steady_clock::now() - start, seconds(35));
+    EXPECT_EQ(1, connection.failures);
+    EXPECT_EQ(1U, Lines(errorLine, "[API_LITE] m_Connect failed!"));
 }
 
 template <class Connection>

@@ -6,11 +6,18 @@
 
 #include <gtest/gtest.h>
 
-// The function that GIO's worker runs for every message, without a bus.
+#include <sys/socket.h>
+
+// The function that GIO's worker runs for every message, and other parts of the connection, without a bus.
 
 namespace MavixApiLite {
 
 struct TestAccess {
+    // As if it had connected.
+    static void SetConnection(TCGdbusConnection& connection, GDBusConnection* raw) {
+        connection.m_connection.reset(raw);
+        connection.m_connected = true;
+    }
     static GDBusMessage* Filter(GDBusMessage* message, bool incoming, MessageFilterContext* context) {
         return TCGdbusConnection::m_MessageHandlerHelper(nullptr, message, incoming ? TRUE : FALSE, context);
     }
@@ -100,6 +107,23 @@ TEST(GdbusAllocator, MakesAdoptsAndDropsMessages) {
     allocator.DeleteRawMessage(nullptr);
     EXPECT_EQ(1U, G_OBJECT(raw)->ref_count);
     g_object_remove_weak_pointer(G_OBJECT(raw), &watched);
+}
+
+// A connection to a peer without a bus between them has no unique name.
+TEST(GdbusUniqueName, MissesWithALine) {
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
+    const TCFileDescriptor other(ends[1]);
+    const ObjectHandle<GSocket> socket(g_socket_new_from_fd(ends[0], nullptr));
+    const ObjectHandle<GSocketConnection> stream(g_socket_connection_factory_create_connection(socket.get()));
+    GDBusConnection* raw = g_dbus_connection_new_sync(
+        G_IO_STREAM(stream.get()), nullptr, G_DBUS_CONNECTION_FLAGS_NONE, nullptr, nullptr, nullptr);
+    ASSERT_NE(nullptr, raw);
+    TCGdbusConnection connection;
+    TestAccess::SetConnection(connection, raw);
+    EXPECT_EQ("", connection.GetUniqueName());
+    EXPECT_EQ(1U, TCRecordingPlatform::Get().Count(errorLine, "[API_LITE] no unique name!"));
+    EXPECT_EQ(1U, TCRecordingPlatform::Get().Lines().size());
 }
 
 } // namespace
