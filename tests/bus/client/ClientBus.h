@@ -6,6 +6,7 @@
 #include "SimDriver.h"
 #include "SimProcess.h"
 #include "tests/bus/sim/RawClient.h"
+#include "tests/unit/values/RoutingTable.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,7 +19,6 @@
 
 namespace MavixTest {
 
-constexpr const char* defaultBus = "com.norvale.MavixAPI";
 constexpr const char* sessionBus = "com.norvale.ISessionControl";
 
 // A private bus with the stand-in service on it.

@@ -1,6 +1,6 @@
 #include "ClientBus.h"
 
-#include "ChildProgram.h"
+#include "FlavourFixture.h"
 #include "TestScale.h"
 
 #include <cstring>
@@ -278,10 +278,9 @@ MAVIX_CHILD(ReceiveMalformedEvents) {
     return last && Settle() ? 0 : 1;
 }
 
-TEST(BusEventFlavour, AReleaseSurvivesEveryMalformedEvent) {
-    if (!CanChooseFlavour()) {
-        GTEST_SKIP() << noFlavourReason;
-    }
+using BusEventFlavour = FlavourFixture;
+
+TEST_F(BusEventFlavour, AReleaseSurvivesEveryMalformedEvent) {
     const ChildResult result = RunChildProgram("ReceiveMalformedEvents", releaseFlavour);
     EXPECT_EQ(0, result.exitCode) << result.output << result.errors;
     EXPECT_EQ(2U, result.CountLines(6, "[API_LITE] No such type. 'NoSuchEvent'"));

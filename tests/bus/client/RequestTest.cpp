@@ -132,49 +132,28 @@ TEST_F(RequestAtService, OneByteTooMuchNeverLeaves) {
     EXPECT_EQ(MavixSim::testInterface, OnlyRecord().at("interface"));
 }
 
-TEST_F(RequestAtService, EachRowOfTheRoutingGoesToItsBus) {
-    const std::string pipeline = "com.norvale.MavixAPI.Pipeline";
-    const std::string serviceDb = "com.norvale.MavixAPI.ServiceDb";
-    const std::string hyperFast = "com.norvale.MavixAPI.HyperFast";
-    const struct {
-        const char* interface;
-        short code;
-        std::string busName;
-    } rows[] = {
-        {"IAVControl", 8, pipeline},
-        {"IPipelineUtility", 12, pipeline},
-        {"IPlaybackNew", 3, pipeline},
-        {"IPVR", 2, pipeline},
-        {"ISatelliteControl", 0, pipeline},
-        {"ISatelliteSettings", 20, pipeline},
-        {"IScanControl", 26, pipeline},
-        {"IScanData", 40, pipeline},
-        {"IServiceNavigation", 57, pipeline},
-        {"ISOSpecControl", 0, pipeline},
-        {"ISOSpecControl", 4, pipeline},
-        {"ISourceControl", 51, pipeline},
-        {"ITunerControl", 11, pipeline},
-        {"IUtil", 29, pipeline},
-        {"IVideoControl", 81, pipeline},
-        {"IB2BControl", 3, serviceDb},
-        {"IChannelData", 2, serviceDb},
-        {"ISatellite", 6, serviceDb},
-        {"IService", 36, serviceDb},
-        {"IServiceNavigation", 31, serviceDb},
-        {"IUtil", 9, serviceDb},
-        {"IAVControl", 67, hyperFast},
-        {"IAVControl", 7, defaultBus},
-        {"IUtil", 0, defaultBus},
-        {"INoSuchInterface", 8, defaultBus},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << row.interface << ' ' << row.code);
-        const std::string interface = std::string("com.norvale.") + row.interface;
-        ASSERT_TRUE(Call(interface, row.code).success);
-        const nlohmann::json record = OnlyRecord();
-        EXPECT_EQ(row.busName, record.at("destination"));
-        EXPECT_EQ(interface, record.at("interface"));
-        EXPECT_EQ("mavix-daemon", record.at("process"));
+TEST_F(RequestAtService, EachFunctionOfTheRoutingGoesToItsBus) {
+    for (const RoutingRow& row : RoutingRows()) {
+        for (const short code : row.codes) {
+            SCOPED_TRACE(testing::Message() << row.interfaceName << ' ' << code);
+            ASSERT_TRUE(Call(row.interfaceName, code).success);
+            const nlohmann::json record = OnlyRecord();
+            EXPECT_EQ(row.servedBy, record.at("destination"));
+            EXPECT_EQ(row.interfaceName, record.at("interface"));
+            EXPECT_EQ("mavix-daemon", record.at("process"));
+        }
+    }
+}
+
+TEST_F(RequestAtService, EverythingElseGoesToTheDefaultBus) {
+    const std::pair<const char*, short> functions[] = {{"com.norvale.IAVControl", 7},
+                                                       {"com.norvale.IAVControl", -8},
+                                                       {"com.norvale.IUtil", 0},
+                                                       {"com.norvale.INoSuchInterface", 8}};
+    for (const auto& [interface, code] : functions) {
+        SCOPED_TRACE(testing::Message() << interface << ' ' << code);
+        ASSERT_TRUE(Call(interface, code).success);
+        EXPECT_EQ(defaultBus, OnlyRecord().at("destination"));
     }
 }
 

@@ -1,6 +1,6 @@
 #include "ClientBus.h"
 
-#include "ChildProgram.h"
+#include "FlavourFixture.h"
 
 #include <future>
 
@@ -45,6 +45,8 @@ MAVIX_CHILD(CallWithoutTheService) {
     return success ? 2 : ExitCodeFor(duration, arguments);
 }
 
+using AbsentService = FlavourFixture;
+
 void ExpectNobodyFoundTheService(const ChildResult& result) {
     EXPECT_EQ(0, result.exitCode) << result.output << result.errors;
     EXPECT_EQ(3U, result.CountLines(6, timeout));
@@ -56,14 +58,11 @@ void ExpectNobodyFoundTheService(const ChildResult& result) {
                                    R"(for connection, duration: [0-9]+ms, busName: com\.norvale\.MavixAPI)"));
 }
 
-TEST(AbsentService, FailsEveryCallAfter25Seconds) {
+TEST_F(AbsentService, FailsEveryCallAfter25Seconds) {
     ExpectNobodyFoundTheService(RunChildProgram("CallWithoutTheService", plainFlavour, {"25"}, childLimit));
 }
 
-TEST(AbsentService, InDebugFailsEveryCallAfter50Seconds) {
-    if (!CanChooseFlavour()) {
-        GTEST_SKIP() << noFlavourReason;
-    }
+TEST_F(AbsentService, InDebugFailsEveryCallAfter50Seconds) {
     ExpectNobodyFoundTheService(RunChildProgram("CallWithoutTheService", debugFlavour, {"50"}, childLimit));
 }
 

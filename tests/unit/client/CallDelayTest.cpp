@@ -1,6 +1,7 @@
-#include "ChildProgram.h"
 #include "ClientFixture.h"
-#include "StoppedClock.h"
+#include "FlavourFixture.h"
+#include "LiteUtility.h"
+#include "VirtualClock.h"
 
 // The report of slow calls and slow buses. The clock of these programs moves only when told.
 
@@ -15,18 +16,22 @@ namespace {
 const std::string shortStart = "(busName:com.norvale.MavixAPI, interfaceName:com.norvale.ITest, "
                                "functionCode:17, reply:";
 
+unsigned long long NowMs() {
+    return LiteUtility::TimestampInMiliseconds(LiteUtility::GetTimestamp());
+}
+
 class CallDelay : public ClientTest {
 protected:
     // Reports a call that began `elapsed` ago.
     void Report(milliseconds elapsed, unsigned long long received = 0, unsigned long long replied = 0,
                 bool reply = true) {
-        const unsigned long long start = m_clock.NowMs();
+        const unsigned long long start = NowMs();
         m_clock.Advance(elapsed);
         TestAccess::LogApiCallDelay(Client(), start, received != 0 ? start + received : 0,
                                     replied != 0 ? start + replied : 0, reply);
     }
 
-    TCStoppedClock m_clock;
+    TCVirtualClock m_clock;
 };
 
 TEST_F(CallDelay, Of999MillisecondsIsNotReportedOneOf1000Is) {
@@ -83,7 +88,7 @@ TEST_F(CallDelay, WrapsAt32Bits) {
 
 // Arguments: how long the call takes, the reply.
 MAVIX_CHILD(SlowCall) {
-    TCStoppedClock clock;
+    TCVirtualClock clock;
     FakedClient faked;
     faked.AnswerWith([&] {
         clock.Advance(milliseconds(std::stoi(arguments.at(0))));
@@ -92,10 +97,9 @@ MAVIX_CHILD(SlowCall) {
     return faked.Call("com.norvale.ITest", 17) ? 0 : 1;
 }
 
-TEST(CallDelayFlavour, OnlyTheDebugFlavourReports) {
-    if (!CanChooseFlavour()) {
-        GTEST_SKIP() << noFlavourReason;
-    }
+using CallDelayFlavour = FlavourFixture;
+
+TEST_F(CallDelayFlavour, OnlyTheDebugFlavourReports) {
     const std::string good = "(byte 1, 0, @ay [])";
     const std::string line = shortStart + "1) took too long = 1.000s";
     const ChildResult tolerable = RunChildProgram("SlowCall", debugFlavour, {"999", good});
@@ -111,10 +115,7 @@ TEST(CallDelayFlavour, OnlyTheDebugFlavourReports) {
     }
 }
 
-TEST(CallDelayFlavour, ABrokenReplyIsReportedTooAndOneThatEndsTheReadingIsNot) {
-    if (!CanChooseFlavour()) {
-        GTEST_SKIP() << noFlavourReason;
-    }
+TEST_F(CallDelayFlavour, ABrokenReplyIsReportedTooAndOneThatEndsTheReadingIsNot) {
     const ChildResult broken = RunChildProgram("SlowCall", debugFlavour, {"1500", "(byte 0,)"});
     EXPECT_EQ(1, broken.exitCode);
     EXPECT_TRUE(broken.HasLine(6, shortStart + "0) took too long = 1.500s")) << broken.errors;
@@ -126,9 +127,9 @@ TEST(CallDelayFlavour, ABrokenReplyIsReportedTooAndOneThatEndsTheReadingIsNot) {
 // Half a second passes between the start of the call and its time of sending; the reply says when the service
 // had it and answered.
 MAVIX_CHILD(SlowCallWithTimes) {
-    TCStoppedClock clock;
+    TCVirtualClock clock;
     FakedClient faked;
-    const unsigned long long start = clock.NowMs();
+    const unsigned long long start = NowMs();
     TCRecordingPlatform::Get().onLine = [&clock](const LogLine& line) {
         if (line.text.compare(0, 11, "[IPC][CALL]") == 0) {
             clock.Advance(milliseconds(500));
@@ -147,10 +148,7 @@ MAVIX_CHILD(SlowCallWithTimes) {
     return TimestampOf(*faked.Requests().at(0).aux) == start + 500 ? 0 : 2;
 }
 
-TEST(CallDelayFlavour, TheReportCountsFromTheStartAndTheWireHasTheTimeOfSending) {
-    if (!CanChooseFlavour()) {
-        GTEST_SKIP() << noFlavourReason;
-    }
+TEST_F(CallDelayFlavour, TheReportCountsFromTheStartAndTheWireHasTheTimeOfSending) {
     const ChildResult result = RunChildProgram("SlowCallWithTimes", debugFlavour);
     EXPECT_EQ(0, result.exitCode) << result.errors;
     EXPECT_TRUE(result.HasLine(6, "(busName:com.norvale.MavixAPI.HyperFast, "
@@ -172,10 +170,7 @@ MAVIX_CHILD(TimestampsInDebug) {
                                                                                                        : 2;
 }
 
-TEST(CallDelayFlavour, InDebugEverySynchronousCallCarriesItsTime) {
-    if (!CanChooseFlavour()) {
-        GTEST_SKIP() << noFlavourReason;
-    }
+TEST_F(CallDelayFlavour, InDebugEverySynchronousCallCarriesItsTime) {
     const ChildResult result = RunChildProgram("TimestampsInDebug", debugFlavour);
     EXPECT_EQ(0, result.exitCode) << result.errors;
 }
@@ -192,7 +187,7 @@ protected:
         Connection().ClearCalls();
     }
 
-    TCStoppedClock m_clock;
+    TCVirtualClock m_clock;
 };
 
 TEST_F(SlowBus, TheFirstBusThatFailsEndsTheWaitForAnInterface) {
@@ -222,7 +217,7 @@ TEST_F(SlowBus, AnOversizedFirstCallOfAnAbsentBusFailsForTheBus) {
 
 // Argument: how many milliseconds each bus takes.
 MAVIX_CHILD(WaitForSlowBuses) {
-    TCStoppedClock clock;
+    TCVirtualClock clock;
     FakedClient faked;
     faked.Connection().onBusHasOwner = [&](const std::string&, int, bool& hasOwner) {
         clock.Advance(milliseconds(std::stoi(arguments.at(0))));
@@ -232,10 +227,9 @@ MAVIX_CHILD(WaitForSlowBuses) {
     return faked.Client().WaitForCreateInterface("com.norvale.IService") ? 0 : 1;
 }
 
-TEST(SlowBusFlavour, InDebugEachBusOfMoreThanFourSecondsIsReported) {
-    if (!CanChooseFlavour()) {
-        GTEST_SKIP() << noFlavourReason;
-    }
+using SlowBusFlavour = FlavourFixture;
+
+TEST_F(SlowBusFlavour, InDebugEachBusOfMoreThanFourSecondsIsReported) {
     const ChildResult result = RunChildProgram("WaitForSlowBuses", debugFlavour, {"5000"});
     EXPECT_EQ(0, result.exitCode) << result.errors;
     for (const char* busName : {"com.norvale.MavixAPI", "com.norvale.MavixAPI.ServiceDb"}) {

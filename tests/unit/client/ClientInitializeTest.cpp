@@ -1,6 +1,6 @@
 #include "ClientFixture.h"
 
-#include "ChildProgram.h"
+#include "FlavourFixture.h"
 
 #include <atomic>
 #include <cstdio>
@@ -16,6 +16,8 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {
+
+using ClientInitializeFlavour = FlavourFixture;
 
 class ClientInitialize : public ClientTest {
 protected:
@@ -114,10 +116,7 @@ MAVIX_CHILD(InitializeInDebug) {
     return platform.WaitForCalls("smart_deadlock_register_watchdog_service(60)", 1) ? 0 : 2;
 }
 
-TEST(ClientInitializeFlavour, InDebugTheWatchdogPeriodIsAMinute) {
-    if (!CanChooseFlavour()) {
-        GTEST_SKIP() << noFlavourReason;
-    }
+TEST_F(ClientInitializeFlavour, InDebugTheWatchdogPeriodIsAMinute) {
     const ChildResult result = RunChildProgram("InitializeInDebug", debugFlavour);
     EXPECT_EQ(0, result.exitCode) << result.errors;
 }
@@ -133,17 +132,14 @@ MAVIX_CHILD(InitializeWithNull) {
 
 constexpr const char* nullConnection = "MAVIX Assertion failed [../../../src/ipc/IpcClient:664:pConnection]";
 
-TEST(ClientInitializeFlavour, ANullConnectionStopsTheProcess) {
+TEST_F(ClientInitializeFlavour, ANullConnectionStopsTheProcess) {
     const ChildResult result = RunChildProgram("InitializeWithNull");
     EXPECT_EQ(SIGABRT, result.signal) << result.errors;
     EXPECT_TRUE(result.HasLine(6, nullConnection)) << result.errors;
     EXPECT_EQ("", result.output);
 }
 
-TEST(ClientInitializeFlavour, ANullConnectionFailsOnAReleaseAndCreatesNothing) {
-    if (!CanChooseFlavour()) {
-        GTEST_SKIP() << noFlavourReason;
-    }
+TEST_F(ClientInitializeFlavour, ANullConnectionFailsOnAReleaseAndCreatesNothing) {
     const ChildResult result = RunChildProgram("InitializeWithNull", releaseFlavour);
     EXPECT_EQ(0, result.exitCode) << result.errors;
     EXPECT_TRUE(result.HasLine(6, nullConnection)) << result.errors;

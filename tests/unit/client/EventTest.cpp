@@ -1,7 +1,7 @@
 #include "ClientFixture.h"
 
-#include "ChildProgram.h"
 #include "EventCollector.h"
+#include "FlavourFixture.h"
 
 // How an event is decoded, good ones and malformed ones.
 
@@ -121,7 +121,7 @@ struct MalformedRow {
     const char* member;
     const char* body;
     std::vector<std::string> errors; // without the assertions' lines
-    int assertions;                  // on a release build
+    std::size_t assertions;          // on a release build
     const char* delivered;           // "<type>:<id>:<bytes>" or nothing
 };
 
@@ -202,70 +202,63 @@ MAVIX_CHILD(HandleMalformedEvent) {
     return 0;
 }
 
-// Errors that a child program has logged, assertions apart, and how many assertions there were.
-std::pair<std::vector<std::string>, int> ErrorsOf(const ChildResult& result) {
+// Errors that a child program has logged, assertions apart, as "<source>|<text>".
+std::vector<std::string> ErrorsOf(const ChildResult& result) {
     std::vector<std::string> errors;
-    int assertions = 0;
     std::istringstream lines(result.errors);
+    const std::string start = "6|MAVIX_API|";
     for (std::string line; std::getline(lines, line);) {
-        const std::size_t source = line.find("MAVIX_API|");
-        if (line.compare(0, 2, "6|") != 0 || source == std::string::npos) {
-            continue;
-        }
-        const std::string rest = line.substr(source + 10);
-        const std::string text = rest.substr(rest.find('|') + 1);
-        if (text.find("MAVIX Assertion failed [../../../src/ipc/IpcClient:") == 0) {
-            EXPECT_EQ(text.size() - 7, text.rfind(":false]")) << text;
-            ++assertions;
-        } else {
-            errors.push_back(rest.substr(0, rest.find(':')) + "|" + text);
+        if (line.compare(0, start.size(), start) == 0 && line.find("|MavixAssert: ") == std::string::npos) {
+            const std::string rest = line.substr(start.size());
+            errors.push_back(rest.substr(0, rest.find(':')) + rest.substr(rest.find('|')));
         }
     }
-    return {errors, assertions};
+    return errors;
 }
 
-TEST(EventFlavour, AMalformedEventStopsTheProcessAtItsFirstFault) {
+std::size_t AssertionsOf(const ChildResult& result) {
+    return CountAssertions(result, "../../../src/ipc/IpcClient", "false");
+}
+
+using EventFlavour = FlavourFixture;
+
+TEST_F(EventFlavour, AMalformedEventStopsTheProcessAtItsFirstFault) {
     for (std::size_t at = 0; at < std::size(malformedRows); ++at) {
         const MalformedRow& row = malformedRows[at];
         SCOPED_TRACE(row.name);
         const ChildResult result =
             RunChildProgram("HandleMalformedEvent", plainFlavour, {std::to_string(at)});
-        const auto [errors, assertions] = ErrorsOf(result);
         if (row.assertions == 0) {
             EXPECT_EQ(0, result.exitCode) << result.errors;
             continue;
         }
         EXPECT_EQ(SIGABRT, result.signal) << result.errors;
-        EXPECT_EQ(1, assertions);
+        EXPECT_EQ(1U, AssertionsOf(result)) << result.errors;
         EXPECT_EQ("", result.output);
         // With two faults it does not come to the second.
         std::vector<std::string> expected = row.errors;
         expected.resize(row.assertions == 2 ? expected.size() - 2 : expected.size());
-        EXPECT_THAT(errors, ElementsAreArray(expected));
+        EXPECT_EQ(expected, ErrorsOf(result));
     }
 }
 
-TEST(EventFlavour, AReleaseLogsMalformedEventsAndDeliversWhatItHas) {
-    if (!CanChooseFlavour()) {
-        GTEST_SKIP() << noFlavourReason;
-    }
+TEST_F(EventFlavour, AReleaseLogsMalformedEventsAndDeliversWhatItHas) {
     for (std::size_t at = 0; at < std::size(malformedRows); ++at) {
         const MalformedRow& row = malformedRows[at];
         SCOPED_TRACE(row.name);
         const ChildResult result =
             RunChildProgram("HandleMalformedEvent", releaseFlavour, {std::to_string(at)});
         EXPECT_EQ(0, result.exitCode) << result.errors;
-        const auto [errors, assertions] = ErrorsOf(result);
-        EXPECT_THAT(errors, ElementsAreArray(row.errors));
-        EXPECT_EQ(row.assertions, assertions);
+        EXPECT_EQ(row.errors, ErrorsOf(result));
+        EXPECT_EQ(row.assertions, AssertionsOf(result)) << result.errors;
         std::string expected;
-        for (int line = 0; line < row.assertions; ++line) {
-            expected += "ASSERT!!! - function t_MessageHandler, line [0-9]+\n";
+        for (std::size_t line = 0; line < row.assertions; ++line) {
+            expected += "ASSERT!!! - function t_MessageHandler, line N\n";
         }
         if (*row.delivered != '\0') {
             expected += std::string("delivered ") + row.delivered + "\n";
         }
-        EXPECT_THAT(result.output, testing::MatchesRegex(expected));
+        EXPECT_EQ(expected, WithoutLineNumbers(result.output));
     }
 }
 
