@@ -17,11 +17,11 @@
 
 using namespace MavixTest;
 
-// A forked child has lost the threads that refer to the client's memory: to the leak check it would look lost.
+// A forked child has lost the threads that refer to the client's memory: to the leak check it would look
+// lost.
 static bool isForkedChild = false;
 extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off();
-extern "C" int __lsan_is_turned_off()
-{
+extern "C" int __lsan_is_turned_off() {
     return isForkedChild ? 1 : 0;
 }
 

@@ -36,82 +36,82 @@ struct ReplyRow {
     std::vector<std::string> errors;
 };
 
-void PrintTo(const ReplyRow& row, std::ostream* out) {
-    *out << (row.body.empty() ? "no body" : row.body);
+class CallReplyTable : public CallReply {
+protected:
+    void ExpectResults(const std::vector<ReplyRow>& rows) {
+        for (const ReplyRow& row : rows) {
+            SCOPED_TRACE(row.body.empty() ? "no body" : row.body);
+            m_platform.Reset();
+            AnswerWith(row.body);
+            Bytes output;
+            EXPECT_EQ(row.result, Call("com.norvale.ITest", 1, {}, output));
+            EXPECT_EQ(row.output, output);
+            EXPECT_THAT(Errors(), ElementsAreArray(row.errors));
+        }
+    }
+};
+
+TEST_F(CallReplyTable, GoodOnesSucceedWhateverTheSkippedArgumentsAre) {
+    ExpectResults({{"(byte 1, 3, [byte 1, 2, 3])", true, {1, 2, 3}, {}},
+                   {"(byte 1, 0, @ay [])", true, {}, {}},
+                   {"(byte 1, 3, [byte 9], 'more', 5)", true, {9}, {}},
+                   {"(byte 0xF9, 1, [byte 9])", true, {9}, {}},
+                   {"(byte 1, 1003, [byte 1, 2, 3])", true, {1, 2, 3}, {}},
+                   {"(byte 1, 'a length', [byte 7])", true, {7}, {}},
+                   {"(byte 1, @ay [], [byte 7])", true, {7}, {}},
+                   {"(byte 1, 8, [1, 2])", true, {1, 0, 0, 0, 2, 0, 0, 0}, {}},
+                   {"(byte 5, 1, [byte 9]" + Aux() + ")", true, {9}, {}},
+                   {"(byte 3, 1, [byte 9]" + Aux() + ")", true, {9}, {}},
+                   {"(byte 7, 1, [byte 9], 0, @ay [])", true, {9}, {}},
+                   ReplyRow{"(byte 7, 1, [byte 9], 'any', [byte 1, 2])", true, {9}, {}}});
 }
 
-class CallReplyTable : public CallReply, public testing::WithParamInterface<ReplyRow> {};
-
-TEST_P(CallReplyTable, IsReadStrictlyInSequence) {
-    const ReplyRow& row = GetParam();
-    AnswerWith(row.body);
-    Bytes output;
-    EXPECT_EQ(row.result, Call("com.norvale.ITest", 1, {}, output));
-    EXPECT_EQ(row.output, output);
-    EXPECT_THAT(Errors(), ElementsAreArray(row.errors));
+TEST_F(CallReplyTable, WithoutAByteInFrontItFails) {
+    ExpectResults({{"", false, {}, {"GdbusMessage|No body!", noByte}},
+                   {"('1', 0, @ay [])", false, {}, {"GdbusMessage|Expected byte!", noByte}},
+                   {"(1, 0, @ay [])", false, {}, {"GdbusMessage|Expected byte!", noByte}},
+                   {"([byte 1],)", false, {}, {"GdbusMessage|Expected byte!", noByte}}});
 }
 
-INSTANTIATE_TEST_SUITE_P(Good, CallReplyTable,
-                         testing::Values(ReplyRow{"(byte 1, 3, [byte 1, 2, 3])", true, {1, 2, 3}, {}},
-                                         ReplyRow{"(byte 1, 0, @ay [])", true, {}, {}},
-                                         ReplyRow{"(byte 1, 3, [byte 9], 'more', 5)", true, {9}, {}},
-                                         ReplyRow{"(byte 0xF9, 1, [byte 9])", true, {9}, {}},
-                                         ReplyRow{"(byte 1, 1003, [byte 1, 2, 3])", true, {1, 2, 3}, {}},
-                                         ReplyRow{"(byte 1, 'a length', [byte 7])", true, {7}, {}},
-                                         ReplyRow{"(byte 1, @ay [], [byte 7])", true, {7}, {}},
-                                         ReplyRow{"(byte 1, 8, [1, 2])", true, {1, 0, 0, 0, 2, 0, 0, 0}, {}},
-                                         ReplyRow{"(byte 5, 1, [byte 9]" + Aux() + ")", true, {9}, {}},
-                                         ReplyRow{"(byte 3, 1, [byte 9]" + Aux() + ")", true, {9}, {}},
-                                         ReplyRow{"(byte 7, 1, [byte 9], 0, @ay [])", true, {9}, {}},
-                                         ReplyRow{
-                                             "(byte 7, 1, [byte 9], 'any', [byte 1, 2])", true, {9}, {}}));
+TEST_F(CallReplyTable, WithoutAPayloadItFails) {
+    ExpectResults({{"(byte 1,)", false, {}, {noMore, noParameter}},
+                   {"(byte 1, 3)", false, {}, {noMore, noArray}},
+                   {"(byte 1, [byte 1])", false, {}, {noMore, noArray}},
+                   {"(byte 1, 3, 'abc')", false, {}, {notAnArray, noArray}},
+                   {"(byte 1, 3, ['a', 'b'])", false, {}, {notAnArray, noArray}},
+                   {"(byte 1, 3, <byte 1>)", false, {}, {notAnArray, noArray}}});
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    WithoutByte, CallReplyTable,
-    testing::Values(ReplyRow{"", false, {}, {"GdbusMessage|No body!", noByte}},
-                    ReplyRow{"('1', 0, @ay [])", false, {}, {"GdbusMessage|Expected byte!", noByte}},
-                    ReplyRow{"(1, 0, @ay [])", false, {}, {"GdbusMessage|Expected byte!", noByte}},
-                    ReplyRow{"([byte 1],)", false, {}, {"GdbusMessage|Expected byte!", noByte}}));
+TEST_F(CallReplyTable, ABrokenByteFailsAndTheAuxiliaryPartIsStillRead) {
+    ExpectResults({{"(byte 0,)", false, {}, {Broken(0)}},
+                   {"(byte 0, 3, [byte 1, 2, 3])", false, {}, {Broken(0)}},
+                   {"(byte 0xF8,)", false, {}, {Broken(248)}},
+                   {"(byte 6" + Aux() + ")", false, {}, {Broken(6)}},
+                   {"(byte 4,)", false, {}, {Broken(4), noMore, noParameter}},
+                   {"(byte 2, 0)", false, {}, {Broken(2), noMore, noArray}},
+                   {"(byte 2, 0, 'x')", false, {}, {Broken(2), notAnArray, noArray}}});
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    WithoutPayload, CallReplyTable,
-    testing::Values(ReplyRow{"(byte 1,)", false, {}, {noMore, noParameter}},
-                    ReplyRow{"(byte 1, 3)", false, {}, {noMore, noArray}},
-                    ReplyRow{"(byte 1, [byte 1])", false, {}, {noMore, noArray}},
-                    ReplyRow{"(byte 1, 3, 'abc')", false, {}, {notAnArray, noArray}},
-                    ReplyRow{"(byte 1, 3, ['a', 'b'])", false, {}, {notAnArray, noArray}},
-                    ReplyRow{"(byte 1, 3, <byte 1>)", false, {}, {notAnArray, noArray}}));
-
-INSTANTIATE_TEST_SUITE_P(
-    BrokenByte, CallReplyTable,
-    testing::Values(ReplyRow{"(byte 0,)", false, {}, {Broken(0)}},
-                    ReplyRow{"(byte 0, 3, [byte 1, 2, 3])", false, {}, {Broken(0)}},
-                    ReplyRow{"(byte 0xF8,)", false, {}, {Broken(248)}},
-                    ReplyRow{"(byte 6" + Aux() + ")", false, {}, {Broken(6)}},
-                    ReplyRow{"(byte 4,)", false, {}, {Broken(4), noMore, noParameter}},
-                    ReplyRow{"(byte 2, 0)", false, {}, {Broken(2), noMore, noArray}},
-                    ReplyRow{"(byte 2, 0, 'x')", false, {}, {Broken(2), notAnArray, noArray}}));
-
-INSTANTIATE_TEST_SUITE_P(
+TEST_F(CallReplyTable, ABrokenAuxiliaryPartFailsAndThePayloadIsHandedOut) {
     // The payload has been read by then and is handed out.
-    BrokenAuxiliaryPart, CallReplyTable,
-    testing::Values(ReplyRow{"(byte 5, 2, [byte 8, 9])", false, {8, 9}, {noMore, noParameter}},
-                    ReplyRow{"(byte 3, 2, [byte 8, 9])", false, {8, 9}, {noMore, noParameter}},
-                    ReplyRow{"(byte 5, 2, [byte 8, 9], 16)", false, {8, 9}, {noMore, noArray}},
-                    ReplyRow{"(byte 5, 2, [byte 8, 9], 16, 'x')", false, {8, 9}, {notAnArray, noArray}}));
+    ExpectResults({{"(byte 5, 2, [byte 8, 9])", false, {8, 9}, {noMore, noParameter}},
+                   {"(byte 3, 2, [byte 8, 9])", false, {8, 9}, {noMore, noParameter}},
+                   {"(byte 5, 2, [byte 8, 9], 16)", false, {8, 9}, {noMore, noArray}},
+                   {"(byte 5, 2, [byte 8, 9], 16, 'x')", false, {8, 9}, {notAnArray, noArray}}});
+}
 
-INSTANTIATE_TEST_SUITE_P(
+TEST_F(CallReplyTable, AnUnreadableBlockIsNoFailure) {
     // A block that arrived and cannot be decoded is no failure of the call.
-    UnreadableBlock, CallReplyTable,
-    testing::Values(ReplyRow{"(byte 5, 1, [byte 9], 8, [byte 4, 0, 0, 0, 8, 0, 0, 0])",
-                             true,
-                             {9},
-                             {"IpcAuxData|[IpcAuxData] invalid data -> tag:4, paramLength:8, position:8, "
-                              "length:8"}},
-                    ReplyRow{"(byte 5, 1, [byte 9], 9, [byte 4, 0, 0, 0, 1, 0, 0, 0, 5])",
-                             true,
-                             {9},
-                             {"IpcAuxData|[IpcAuxData] tag:4 -> size:1 != expected:8"}}));
+    ExpectResults({{"(byte 5, 1, [byte 9], 8, [byte 4, 0, 0, 0, 8, 0, 0, 0])",
+                    true,
+                    {9},
+                    {"IpcAuxData|[IpcAuxData] invalid data -> tag:4, paramLength:8, position:8, "
+                     "length:8"}},
+                   {"(byte 5, 1, [byte 9], 9, [byte 4, 0, 0, 0, 1, 0, 0, 0, 5])",
+                    true,
+                    {9},
+                    {"IpcAuxData|[IpcAuxData] tag:4 -> size:1 != expected:8"}}});
+}
 
 TEST_F(CallReply, ThePayloadIsAppendedToTheOutput) {
     AnswerWith("(byte 1, 2, [byte 3, 4])");
