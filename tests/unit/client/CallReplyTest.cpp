@@ -63,7 +63,7 @@ TEST_F(CallReplyTable, GoodOnesSucceedWhateverTheSkippedArgumentsAre) {
                    {"(byte 5, 1, [byte 9]" + Aux() + ")", true, {9}, {}},
                    {"(byte 3, 1, [byte 9]" + Aux() + ")", true, {9}, {}},
                    {"(byte 7, 1, [byte 9], 0, @ay [])", true, {9}, {}},
-                   ReplyRow{"(byte 7, 1, [byte 9], 'any', [byte 1, 2])", true, {9}, {}}});
+                   {"(byte 7, 1, [byte 9], 'any', [byte 1, 2])", true, {9}, {}}});
 }
 
 TEST_F(CallReplyTable, WithoutAByteInFrontItFails) {
@@ -93,7 +93,6 @@ TEST_F(CallReplyTable, ABrokenByteFailsAndTheAuxiliaryPartIsStillRead) {
 }
 
 TEST_F(CallReplyTable, ABrokenAuxiliaryPartFailsAndThePayloadIsHandedOut) {
-    // The payload has been read by then and is handed out.
     ExpectResults({{"(byte 5, 2, [byte 8, 9])", false, {8, 9}, {noMore, noParameter}},
                    {"(byte 3, 2, [byte 8, 9])", false, {8, 9}, {noMore, noParameter}},
                    {"(byte 5, 2, [byte 8, 9], 16)", false, {8, 9}, {noMore, noArray}},
@@ -101,7 +100,6 @@ TEST_F(CallReplyTable, ABrokenAuxiliaryPartFailsAndThePayloadIsHandedOut) {
 }
 
 TEST_F(CallReplyTable, AnUnreadableBlockIsNoFailure) {
-    // A block that arrived and cannot be decoded is no failure of the call.
     ExpectResults({{"(byte 5, 1, [byte 9], 8, [byte 4, 0, 0, 0, 8, 0, 0, 0])",
                     true,
                     {9},
