@@ -122,6 +122,8 @@ TYPED_TEST(ConnectTest, ASecondConnectWhenConnectedChangesNothing) {
     const std::string name = this->m_connection->GetUniqueName();
     EXPECT_TRUE(this->m_connection->Connect("Second", &this->m_owner));
     EXPECT_EQ(name, this->m_connection->GetUniqueName());
+    // Destruction would wait for a second attempt.
+    this->m_connection.reset();
     EXPECT_EQ(1U, this->m_owner.Initialisations());
     EXPECT_EQ(1U, TCRecordingPlatform::Get().CountStarting(debugLine, "[API_LITE][START]"));
 }

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -30,6 +31,8 @@ using std::chrono::seconds;
 using testing::HasSubstr;
 using testing::Not;
 
+constexpr const char* addressVariable = "DBUS_SYSTEM_BUS_ADDRESS";
+
 // One way in which a connect fails.
 struct Failure {
     const char* name;
@@ -38,7 +41,8 @@ struct Failure {
 
 const std::vector<Failure>& Failures() {
     static const std::vector<Failure> failures = {
-        {"no bus", {"[API_LITE] m_Connect failed!", "[API_LITE] 'Could not connect: Connection refused'"}},
+        {"no bus",
+         {"[API_LITE] m_Connect failed!", "[API_LITE] 'Could not connect: No such file or directory'"}},
         {"malformed address", {"[API_LITE] m_Connect failed!"}},
         {"not ready", {"dbus not ready!"}},
         {"no connection", {"Connect failed"}},
@@ -48,14 +52,14 @@ const std::vector<Failure>& Failures() {
     return failures;
 }
 
-// Arranges for the failure, and for its end.
+// Arranges for the failure, and for its end. The bus is that of the test.
 class Trouble {
 public:
-    explicit Trouble(const std::string& name) : m_address(m_bus.Address()) {
+    explicit Trouble(const std::string& name) : m_address(std::getenv(addressVariable)) {
         if (name == "no bus") {
-            m_bus.Kill();
+            ::setenv(addressVariable, "unix:path=/nowhere/bus", 1);
         } else if (name == "malformed address") {
-            ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "nonsense", 1);
+            ::setenv(addressVariable, "nonsense", 1);
         } else if (name == "not ready") {
             TCRecordingPlatform::Get().waitEvent = [](const char*, int) { return -1; };
         } else if (name == "no address") {
@@ -72,8 +76,7 @@ public:
         }
     }
     void End() {
-        m_bus.Restart();
-        ::setenv("DBUS_SYSTEM_BUS_ADDRESS", m_address.c_str(), 1);
+        ::setenv(addressVariable, m_address.c_str(), 1);
         TCRecordingPlatform::Get().waitEvent = nullptr;
         GioFaults::withoutAddress = false;
         GioFaults::withoutConnection = false;
@@ -85,7 +88,6 @@ public:
     std::string uniqueName;
 
 private:
-    TCPrivateBus m_bus;
     const std::string m_address;
 };
 
@@ -136,6 +138,7 @@ constexpr const char* source = "../../../src/ipc/GdbusConnection";
 using GdbusFailureOnARelease = FlavourFixture;
 
 TEST(GdbusFailure, EveryFailureStopsTheProcessByItself) {
+    const TCPrivateBus bus;
     for (const Failure& failure : Failures()) {
         const ChildResult result =
             RunChildProgram("FailToConnect", plainFlavour, {failure.name}, seconds(30));
@@ -151,6 +154,7 @@ TEST(GdbusFailure, EveryFailureStopsTheProcessByItself) {
 }
 
 TEST(GdbusFailure, AMissingBusStopsTheProcessSoon) {
+    const TCPrivateBus bus;
     const ChildResult result = RunChildProgram("FailToConnect", plainFlavour, {"no bus"}, seconds(30));
     EXPECT_EQ(SIGABRT, result.signal) << result.errors;
     // The assertion lets the line reach the log first.
@@ -159,6 +163,7 @@ TEST(GdbusFailure, AMissingBusStopsTheProcessSoon) {
 }
 
 TEST_F(GdbusFailureOnARelease, EveryFailureLeavesNoConnectionAndMayBeTriedAgain) {
+    const TCPrivateBus bus;
     for (const Failure& failure : Failures()) {
         const ChildResult result =
             RunChildProgram("LiveOnWithoutConnection", releaseFlavour, {failure.name}, seconds(60));
@@ -188,6 +193,7 @@ TEST_F(GdbusFailureOnARelease, EveryFailureLeavesNoConnectionAndMayBeTriedAgain)
 }
 
 TEST(GdbusFailure, AnAddressThatIsMissingWithoutErrorIsAnAssertionOfItsOwn) {
+    const TCPrivateBus bus;
     const ChildResult result = RunChildProgram("FailToConnect", plainFlavour, {"no address"}, seconds(30));
     EXPECT_EQ(SIGABRT, result.signal) << result.errors;
     EXPECT_EQ(1U, CountAssertions(result, source, "address")) << result.errors;
@@ -196,6 +202,7 @@ TEST(GdbusFailure, AnAddressThatIsMissingWithoutErrorIsAnAssertionOfItsOwn) {
 }
 
 TEST_F(GdbusFailureOnARelease, AMissingAddressIsSaidOnStandardOutputToo) {
+    const TCPrivateBus bus;
     const ChildResult result =
         RunChildProgram("LiveOnWithoutConnection", releaseFlavour, {"no address"}, seconds(60));
     EXPECT_EQ(0, result.exitCode) << result.errors;
@@ -207,6 +214,7 @@ TEST_F(GdbusFailureOnARelease, AMissingAddressIsSaidOnStandardOutputToo) {
 }
 
 TEST_F(GdbusFailureOnARelease, AFailedInitialiserTakesItsThreadWithIt) {
+    const TCPrivateBus bus;
     const ChildResult result =
         RunChildProgram("LiveOnWithoutConnection", releaseFlavour, {"initialiser"}, seconds(60));
     const std::size_t failed = result.errors.find("m_Connect|Owner initialization failed!");
@@ -219,31 +227,38 @@ TEST_F(GdbusFailureOnARelease, AFailedInitialiserTakesItsThreadWithIt) {
 
 } // namespace
 
-// Connects to a bus that says nothing, which hangs up after a while.
-MAVIX_CHILD(ConnectToAMuteBus) {
-    TCFakeBus bus(TCFakeBus::Manners::Mute);
+// Connects to whatever the test plays.
+MAVIX_CHILD(ConnectAndAskForTheName) {
     TCGdbusConnection connection;
     connection.Connect("Child", nullptr);
-    bus.WaitForConnections(1);
-    std::thread caller([&] { std::printf("name '%s'\n", connection.GetUniqueName().c_str()); });
-    TCRecordingPlatform::Get().WaitFor("[API_LITE][START] Wait for DBUS connection");
-    bus.Close();
-    caller.join();
+    std::printf("name '%s'\n", connection.GetUniqueName().c_str());
     std::fflush(stdout);
     return 0;
 }
 
 namespace {
 
+// Runs the child with a bus that says nothing and hangs up.
+ChildResult ConnectToAMuteBus(Flavour flavour) {
+    TCFakeBus bus(TCFakeBus::Manners::Mute);
+    std::thread closer([&bus] {
+        EXPECT_TRUE(bus.WaitForConnections(1));
+        bus.Close();
+    });
+    ChildResult result = RunChildProgram("ConnectAndAskForTheName", flavour);
+    closer.join();
+    return result;
+}
+
 TEST(GdbusFailure, AMuteBusThatHangsUpStopsTheProcess) {
-    const ChildResult result = RunChildProgram("ConnectToAMuteBus");
+    const ChildResult result = ConnectToAMuteBus(plainFlavour);
     EXPECT_EQ(SIGABRT, result.signal) << result.errors;
     EXPECT_TRUE(result.HasLine(errorLine, "[API_LITE] m_Connect failed!")) << result.errors;
     EXPECT_EQ(1U, CountAssertions(result, source, "false")) << result.errors;
 }
 
 TEST_F(GdbusFailureOnARelease, AMuteBusThatHangsUpFreesThoseWhoWait) {
-    const ChildResult result = RunChildProgram("ConnectToAMuteBus", releaseFlavour);
+    const ChildResult result = ConnectToAMuteBus(releaseFlavour);
     EXPECT_EQ(0, result.exitCode) << result.errors;
     EXPECT_EQ("name ''\n", result.output);
     EXPECT_TRUE(result.HasLine(errorLine, "[API_LITE] not connected!")) << result.errors;
