@@ -17,6 +17,14 @@ namespace {
 constexpr std::size_t mebibyte = 1048576;
 constexpr const char* interfaceName = "com.norvale.ITest";
 
+// ThreadSanitizer's view of GLib allocates inside of it, where no failure may come.
+#ifdef __SANITIZE_THREAD__
+constexpr bool mayFail = false;
+#else
+constexpr bool mayFail = true;
+#endif
+constexpr const char* mayNotFailReason = "the program's own part inside GLib allocates in this build";
+
 class CallAllocation : public ClientBusTest {
 protected:
     const Bytes m_payload = Bytes(mebibyte, 7);
@@ -67,6 +75,9 @@ TEST_F(CallAllocation, OfARefusedCallIsTheInputAlone) {
 
 // Every allocation of a call fails once: it ends in the failure result, and the next call works.
 TEST_F(CallAllocation, OfACallMayFailAnywhere) {
+    if (!mayFail) {
+        GTEST_SKIP() << mayNotFailReason;
+    }
     std::size_t failures = 0;
     for (std::size_t at = 0;; ++at) {
         SCOPED_TRACE(at);
@@ -113,6 +124,9 @@ MAVIX_CHILD(CreateWithoutMemory) {
 }
 
 TEST(CreationWithoutMemory, FailsAndIsTriedAgain) {
+    if (!mayFail) {
+        GTEST_SKIP() << mayNotFailReason;
+    }
     const ChildResult result = RunChildProgram("CreateWithoutMemory");
     EXPECT_EQ(0, result.exitCode) << result.signal << result.errors;
     EXPECT_EQ("created 1\n", result.output);

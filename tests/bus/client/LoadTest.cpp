@@ -28,7 +28,7 @@ protected:
         std::vector<std::future<Outcome>> calls;
         for (std::size_t at = 0; at < count; ++at) {
             calls.push_back(std::async(std::launch::async, [at] {
-                Bytes payload(16777216, static_cast<std::uint8_t>(at + 1));
+                Bytes payload(Scaled(16777216), static_cast<std::uint8_t>(at + 1));
                 payload[at] = 0;
                 const CallResult result = Call(Behaviour::Echo, payload);
                 return Outcome{result.success, result.output.has_value(), result.output == payload};
