@@ -83,6 +83,8 @@ guint TCGMainLoopHandler::m_GTimeoutAdd(guint intervalMs, GSourceFunc function, 
     if (!m_pGMainContext) {
         return 0;
     }
+    // GLib prints the condition as it stands here.
+    // NOLINTNEXTLINE(modernize-use-nullptr)
     g_return_val_if_fail(function != NULL, 0);
     return m_Attach(SourceHandle(g_timeout_source_new(intervalMs)), urgentPriority, function, data);
 }
@@ -91,6 +93,8 @@ guint TCGMainLoopHandler::m_GIdleAdd(GSourceFunc function, gpointer data) {
     if (!m_pGMainContext) {
         return 0;
     }
+    // GLib prints the condition as it stands here.
+    // NOLINTNEXTLINE(modernize-use-nullptr)
     g_return_val_if_fail(function != NULL, 0);
     return m_Attach(SourceHandle(g_idle_source_new()), patientPriority, function, data);
 }
@@ -102,6 +106,8 @@ guint TCGMainLoopHandler::m_Attach(SourceHandle source, gint priority, GSourceFu
     return g_source_attach(source.get(), m_pGMainContext.get());
 }
 
+// The name by value belongs to the exported signature.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void TCGMainLoopHandler::m_SetCurrentThreadName(std::string name) const {
     const int result = pthread_setname_np(pthread_self(), name.c_str());
     if (result != 0) {

@@ -47,10 +47,10 @@ extern "C" MAVIX_API_EXPORT void IPCUtility_GenerateSubConnectionName(const char
     MavixApiLite::GuardedRun(MAVIX_LOG_SOURCE_NAME, __FUNCTION__, __LINE__, [&] {
         const std::string name = SubConnectionName(uniqueName, length);
         if (name.size() >= *capacity) {
-            std::memcpy(output, name.data(), *capacity);
+            name.copy(output, *capacity);
             return;
         }
-        std::memcpy(output, name.data(), name.size());
+        name.copy(output, name.size());
         *capacity = static_cast<unsigned int>(name.size());
     });
 }
