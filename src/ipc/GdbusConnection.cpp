@@ -181,12 +181,16 @@ void TCGdbusConnection::t_ConnectErrorHandler() {
 }
 
 void TCGdbusConnection::t_CleanupConnection() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     if (m_connectingThread.joinable()) {
         m_connectingThread.join();
     }
+    // A message that is dispatched right now may make a request that waits for the connect, and so for the
+    // lock.
+    lock.unlock();
     m_mainLoopHandler.reset();
     m_sourceHandler.reset();
+    lock.lock();
     if (!m_connection) {
         return;
     }

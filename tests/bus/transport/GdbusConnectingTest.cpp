@@ -1,3 +1,4 @@
+#include "Await.h"
 #include "FailingConnection.h"
 #include "FakeBus.h"
 #include "GioFaults.h"
@@ -11,6 +12,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -176,6 +178,36 @@ TEST_F(GdbusConnecting, WhatAFailedInitialiserSentLeavesAllTheSame) {
         ASSERT_TRUE(event) << "after " << count;
         count += event->member == "Parting" ? 1 : 0;
     }
+}
+
+// The first message may be dispatched before the connecting thread has said that it is done, and its answer
+// waits for that.
+TEST_F(GdbusConnecting, LeavingDoesNotWaitForADispatchThatWaitsForTheConnect) {
+    const TCPrivateBus bus;
+    TCRawClient peer(bus.Address());
+    RawCall call;
+    call.path = peerPath;
+    call.interface = peerInterface;
+    call.body = [](sd_bus_message*) {};
+    TCRecordingOwner owner;
+    owner.onInitialize = [&call](MavixApiLite::TIIpcConnection* connection) {
+        call.destination = connection->GetUniqueName();
+        return true;
+    };
+    std::atomic<bool> leaving{false};
+    GioFaults::afterFilter = [&] {
+        EXPECT_TRUE(Await([&] { return leaving.load(); }));
+        peer.Send(call);
+        EXPECT_TRUE(m_log.WaitFor("Unhandled method"));
+        // Nobody tells that the dispatch thread has begun to wait.
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    };
+    auto connection = std::make_unique<MavixApiLite::TCGdbusConnection>();
+    connection->Connect("Connecting", &owner);
+    leaving = true;
+    connection.reset();
+    GioFaults::afterFilter = nullptr;
+    EXPECT_EQ(1U, owner.Messages().size());
 }
 
 } // namespace

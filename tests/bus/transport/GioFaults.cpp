@@ -8,6 +8,7 @@ namespace MavixTest {
 std::atomic<bool> GioFaults::withoutAddress{false};
 std::atomic<bool> GioFaults::withoutConnection{false};
 std::atomic<int> GioFaults::usedFlags{-1};
+std::function<void()> GioFaults::afterFilter;
 
 } // namespace MavixTest
 
@@ -35,6 +36,17 @@ GDBusConnection* g_dbus_connection_new_for_address_sync(const gchar* address, GD
     const auto real = reinterpret_cast<decltype(&g_dbus_connection_new_for_address_sync)>(
         dlsym(RTLD_NEXT, "g_dbus_connection_new_for_address_sync"));
     return real(address, flags, observer, cancellable, error);
+}
+
+guint g_dbus_connection_add_filter(GDBusConnection* connection, GDBusMessageFilterFunction filter,
+                                   gpointer data, GDestroyNotify destroy) {
+    const auto real = reinterpret_cast<decltype(&g_dbus_connection_add_filter)>(
+        dlsym(RTLD_NEXT, "g_dbus_connection_add_filter"));
+    const guint id = real(connection, filter, data, destroy);
+    if (GioFaults::afterFilter) {
+        GioFaults::afterFilter();
+    }
+    return id;
 }
 
 } // extern "C"

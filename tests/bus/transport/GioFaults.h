@@ -2,6 +2,7 @@
 #define MAVIX_TEST_GIO_FAULTS_H
 
 #include <atomic>
+#include <functional>
 
 namespace MavixTest {
 
@@ -10,6 +11,7 @@ struct GioFaults {
     static std::atomic<bool> withoutAddress;    // no address of the bus, and no error
     static std::atomic<bool> withoutConnection; // no connection, and no error
     static std::atomic<int> usedFlags;          // of the last connection
+    static std::function<void()> afterFilter;   // runs when a filter has just been installed
 };
 
 } // namespace MavixTest
