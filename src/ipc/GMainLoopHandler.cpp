@@ -5,6 +5,7 @@
 #include "MavixAssert.h"
 
 #include <pthread.h>
+#include <system_error>
 #include <utility>
 
 namespace MavixApiLite {
@@ -36,10 +37,17 @@ GMainContext* TCGMainLoopHandler::Start(std::string threadName, int watchdogPeri
     MAVIX_ASSERT(m_pGMainContext);
     m_pGMainLoop.reset(g_main_loop_new(m_pGMainContext.get(), FALSE));
     MAVIX_ASSERT(m_pGMainLoop);
-    m_thread = std::thread([this, watchdogPeriodSeconds] {
-        GuardedRun(MAVIX_LOG_SOURCE_NAME, "m_RunLoop", __LINE__,
-                   [this, watchdogPeriodSeconds] { m_RunLoop(watchdogPeriodSeconds); });
-    });
+    try {
+        m_thread = std::thread([this, watchdogPeriodSeconds] {
+            GuardedRun(MAVIX_LOG_SOURCE_NAME, "m_RunLoop", __LINE__,
+                       [this, watchdogPeriodSeconds] { m_RunLoop(watchdogPeriodSeconds); });
+        });
+    } catch (const std::system_error&) {
+        // The system has no thread for us: there is nothing to stop.
+        m_pGMainLoop.reset();
+        m_pGMainContext.reset();
+        throw;
+    }
     return m_pGMainContext.get();
 }
 

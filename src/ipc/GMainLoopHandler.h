@@ -24,7 +24,9 @@ public:
     TCGMainLoopHandler& operator=(const TCGMainLoopHandler&) = delete;
 
     // Starts the thread and returns its context (borrowed) at once; the loop may not be running yet. When
-    // already started, returns the context and ignores the arguments. Names have at most 15 characters.
+    // already started, returns the context and ignores the arguments. Names have at most 15 characters; a
+    // longer one is logged and not set. Without a thread from the system it throws std::system_error and has
+    // not started.
     GMainContext* Start(std::string threadName, int watchdogPeriodSeconds);
     // Quits the loop and joins the thread; with highPriority ahead of pending work, else after it.
     void Stop(bool highPriority);

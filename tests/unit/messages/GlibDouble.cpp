@@ -1,8 +1,10 @@
 #include "GlibDouble.h"
 
 #include <atomic>
+#include <cerrno>
 #include <dlfcn.h>
 #include <mutex>
+#include <pthread.h>
 #include <utility>
 
 namespace {
@@ -11,6 +13,7 @@ std::mutex intervalsMutex;
 std::vector<guint> intervals;
 std::atomic<bool> contextsFail{false};
 std::atomic<bool> loopsFail{false};
+std::atomic<bool> threadsFail{false};
 
 template <class Function>
 Function* Next(Function* /*function*/, const char* name) {
@@ -39,6 +42,10 @@ void SetLoopsFail(bool fail) {
     loopsFail = fail;
 }
 
+void SetThreadsFail(bool fail) {
+    threadsFail = fail;
+}
+
 } // namespace MavixTest::GlibDouble
 
 extern "C" {
@@ -57,6 +64,11 @@ GMainContext* g_main_context_new(void) {
 
 GMainLoop* g_main_loop_new(GMainContext* context, gboolean running) {
     return loopsFail ? nullptr : Next(g_main_loop_new, "g_main_loop_new")(context, running);
+}
+
+__attribute__((visibility("default"))) int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                                                          void* (*body)(void*), void* data) {
+    return threadsFail ? EAGAIN : Next(pthread_create, "pthread_create")(thread, attributes, body, data);
 }
 
 } // extern "C"

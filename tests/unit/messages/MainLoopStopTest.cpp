@@ -1,5 +1,8 @@
+#include "GlibDouble.h"
 #include "MainLoopFixture.h"
 #include "TestScale.h"
+
+#include <system_error>
 
 using namespace MavixTest;
 using Texts = std::vector<std::string>;
@@ -70,6 +73,20 @@ TEST_F(MainLoopStop, OfANeverStartedHandlerReturnsAtOnce) {
     m_handler.reset();
     EXPECT_EQ(Texts{"destroyed"}, m_watchdog.Calls());
     EXPECT_TRUE(m_platform.Lines().empty());
+}
+
+TEST_F(MainLoopStop, AHandlerThatGotNoThreadIsAsNeverStarted) {
+    GlibDouble::SetThreadsFail(true);
+    EXPECT_THROW(m_handler->Start("TestLoop", period), std::system_error);
+    GlibDouble::SetThreadsFail(false);
+    EXPECT_EQ(nullptr, TestAccess::Context(*m_handler));
+    EXPECT_EQ(nullptr, TestAccess::Loop(*m_handler));
+    m_StartAndWait();
+    m_handler = m_New();
+    GlibDouble::SetThreadsFail(true);
+    EXPECT_THROW(m_handler->Start("TestLoop", period), std::system_error);
+    GlibDouble::SetThreadsFail(false);
+    m_handler.reset();
 }
 
 TEST_F(MainLoopStop, TwiceReturnsAtOnceTheSecondTime) {
