@@ -15,20 +15,27 @@ namespace MavixApiLite {
 
 namespace {
 
-// Never destroyed, because callers may come while the process exits; an exit handler releases the client.
 struct TCRegistry {
     std::shared_ptr<TCIpcClient> instance;
     std::mutex instanceMutex;
     std::atomic<bool> instanceInitialized{false};
-    std::atomic<bool> creating{false};
+    std::atomic<bool> handlersRegistered{false};
     std::atomic<bool> exiting{false};
     std::atomic<bool> forkedChild{false};
-    std::atomic<int> readers{0}; // callers that may be copying `instance`
+    std::atomic<int> readers{0}; // callers that may be creating or copying `instance`
 };
 
+// Never destroyed, because callers may come while the process exits; an exit handler releases the client.
+// Ready when the process starts: a fork while another thread made it would leave it half made in the child.
+union TCRegistryStorage {
+    constexpr TCRegistryStorage() : registry{} {}
+    ~TCRegistryStorage() {}
+    TCRegistry registry;
+};
+TCRegistryStorage registryStorage;
+
 TCRegistry& TheRegistry() {
-    static TCRegistry& registry = *new TCRegistry;
-    return registry;
+    return registryStorage.registry;
 }
 
 class TCReaderMark final {
@@ -42,21 +49,10 @@ private:
     std::atomic<int>& m_readers;
 };
 
-// A child that is forked meanwhile inherits half a client.
-class TCCreationMark final {
-public:
-    explicit TCCreationMark(TCRegistry& registry) : m_creating(registry.creating) { m_creating = true; }
-    ~TCCreationMark() { m_creating = false; }
-    TCCreationMark(const TCCreationMark&) = delete;
-    TCCreationMark& operator=(const TCCreationMark&) = delete;
-
-private:
-    std::atomic<bool>& m_creating;
-};
-
+// A child that is forked while a caller creates the client inherits half of one.
 void OnForkedChild() {
     TCRegistry& registry = TheRegistry();
-    registry.forkedChild = registry.instanceInitialized || registry.creating;
+    registry.forkedChild = registry.instanceInitialized || registry.readers != 0;
 }
 
 // A forked child leaves the client alone: its threads do not exist there. So does a process in which a caller
@@ -86,17 +82,18 @@ std::shared_ptr<TCIpcClient> CreateClient() {
                                          std::make_unique<TCGdbusConnection>());
 }
 
-void RegisterHandlersOnce() {
-    static const bool registered = [] {
+// Takes no lock, which a fork meanwhile would leave taken in the child. Registering twice does no harm.
+void RegisterHandlers(TCRegistry& registry) {
+    if (!registry.handlersRegistered) {
         pthread_atfork(nullptr, nullptr, OnForkedChild);
         std::atexit(OnExit);
-        return true;
-    }();
-    static_cast<void>(registered);
+        registry.handlersRegistered = true;
+    }
 }
 
 // Empty when the process has begun to exit.
 std::shared_ptr<TCIpcClient> CopyOrCreate(TCRegistry& registry) {
+    RegisterHandlers(registry);
     const TCReaderMark mark(registry);
     if (registry.exiting) {
         return nullptr;
@@ -109,8 +106,6 @@ std::shared_ptr<TCIpcClient> CopyOrCreate(TCRegistry& registry) {
         return nullptr;
     }
     if (!registry.instanceInitialized) {
-        RegisterHandlersOnce();
-        const TCCreationMark creation(registry);
         registry.instance = CreateClient();
         registry.instanceInitialized.exchange(true);
     }

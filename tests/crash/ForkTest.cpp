@@ -9,9 +9,13 @@
 
 #include <chrono>
 #include <cstring>
+#include <dlfcn.h>
+#include <functional>
+#include <future>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 // Processes that fork without exec.
 
@@ -23,6 +27,17 @@ static bool isForkedChild = false;
 extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off();
 extern "C" int __lsan_is_turned_off() {
     return isForkedChild ? 1 : 0;
+}
+
+// Where the first use registers its exit handler, which is in the middle of it.
+static std::function<void()> atRegistration;
+extern "C" __attribute__((visibility("default"))) int __cxa_atexit(void (*handler)(void*), void* data,
+                                                                   void* module) {
+    const auto real = reinterpret_cast<decltype(&__cxa_atexit)>(dlsym(RTLD_NEXT, "__cxa_atexit"));
+    if (atRegistration) {
+        std::exchange(atRegistration, nullptr)();
+    }
+    return real(handler, data, module);
 }
 
 namespace {
@@ -124,4 +139,35 @@ TEST(Fork, BeforeTheFirstUseBothProcessesWork) {
     const TCSimProcess service(bus);
     const ChildResult result = RunChildProgram("ForkBeforeUse");
     EXPECT_EQ(0, result.exitCode) << result.errors;
+}
+
+MAVIX_CHILD(ForkDuringFirstUse) {
+    std::promise<void> registering;
+    std::promise<void> forked;
+    atRegistration = [&] {
+        registering.set_value();
+        forked.get_future().wait();
+    };
+    std::thread firstUser([] { EchoWorks(); });
+    registering.get_future().wait();
+    const pid_t child = fork();
+    if (child == 0) {
+        isForkedChild = true;
+        alarm(20);
+        std::exit(EchoWorks() ? 0 : 2);
+    }
+    forked.set_value();
+    firstUser.join();
+    const int childStatus = ExitStatusOf(child);
+    return childStatus != 0 ? 100 + childStatus : EchoWorks() ? 0 : 3;
+}
+
+TEST(Fork, InTheMiddleOfTheFirstUseBothProcessesWork) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer allows no new threads after a process of several threads has forked";
+#endif
+    const TCPrivateBus bus;
+    const TCSimProcess service(bus);
+    const ChildResult result = RunChildProgram("ForkDuringFirstUse");
+    EXPECT_EQ(0, result.exitCode) << "signal " << result.signal << '\n' << result.errors;
 }
