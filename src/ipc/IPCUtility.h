@@ -14,7 +14,7 @@ namespace MavixApiLite {
 class MAVIX_API_EXPORT TCIPCUtility {
 public:
     // First element of a process's command line, usually its path; empty, with an error line, when the
-    // process does not exist or has none.
+    // process does not exist or has none. Where it cannot be read, the name of the file that should say it.
     static std::string GetProcessName(int pid);
     // The unique connection name behind a name that GenerateSubConnectionName made; empty when it is none.
     static std::string ConnectionNameToSenderString(const std::string& name);

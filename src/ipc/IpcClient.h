@@ -31,9 +31,13 @@ namespace MavixApiLite {
 // request.
 class MAVIX_API_EXPORT TCIpcClient : public TIIpcClient, public TIIpcConnectionOwner {
 public:
-    // Starts connecting and does not wait. Events are delivered into `defaultContext`, which is not owned.
+    // Starts connecting and does not wait. Configuration and connection are not null. Events are delivered
+    // into `defaultContext`, which is not owned; null is the process's default one. Throws what starting a
+    // thread throws.
     TCIpcClient(std::unique_ptr<IpcConfiguration> configuration, GMainContext* defaultContext,
                 std::unique_ptr<TIIpcConnection> connection);
+    // Waits for a connect in progress and for a running event callback. Must not be called from such a
+    // callback or on a thread of the client.
     ~TCIpcClient() override;
     TCIpcClient(const TCIpcClient&) = delete;
     TCIpcClient& operator=(const TCIpcClient&) = delete;

@@ -35,18 +35,24 @@ public:
     // Waits until the connect has finished; whether a connection exists. Not for InitializeIpcConnection: the
     // connecting thread would wait for itself.
     virtual bool WaitConnected() = 0;
-    // Finishes the message and queues it for sending.
+    // Finishes the message and queues it for sending. A message is sent once.
     virtual bool Send(TIIpcMessage& message) = 0;
     // Finishes and sends the message, waits for the reply and replaces the message's content by it. An error
-    // reply is a reply too. -1 is the bus library's default time limit; nothing else is negative.
+    // reply is a reply too. -1 is the bus library's default time limit; nothing else is negative. After a
+    // failure the message cannot be sent again.
     virtual bool SendWithReply(TIIpcMessage& message, int timeoutMs) = 0;
+    // Ask the bus to deliver, or no longer deliver, what a rule matches. Rules are counted. What success says
+    // differs from transport to transport: at least that the request left.
     virtual bool AddMatch(const char* rule) = 0;
     virtual bool RemoveMatch(const char* rule) = 0;
     // Empty when not connected.
     virtual std::string GetUniqueName() = 0;
+    // Asks for a well-known name without queueing for it. Success as of AddMatch.
     virtual bool RequestName(const std::string& name) = 0;
+    // Gives a well-known name back and waits for the bus to say so.
     virtual bool ReleaseName(const std::string& name) = 0;
-    // Whether the question was answered; the answer goes to `hasOwner`. The time limit is as above.
+    // Whether the question was answered; the answer goes to `hasOwner`, which is otherwise left as it was.
+    // The time limit is as above.
     virtual bool BusHasOwner(const std::string& name, int timeoutMs, bool& hasOwner) = 0;
     // Makes the messages of this transport; lives as long as the connection.
     virtual TIIpcMessageAllocator* GetMessageAllocatorInstance() = 0;

@@ -24,10 +24,12 @@ public:
 
     virtual ~TIIpcMessage();
 
-    // Builds a new signal (destination may be null) or method call; other types are refused.
+    // Builds a new signal (destination may be null) or method call; other types and names that D-Bus does not
+    // allow are refused. A failure leaves the object empty.
     virtual bool Initialize(IpcMessageType type, const char* destination, const char* path,
                             const char* interface, const char* member) = 0;
-    // Builds a reply to `request`, which may be this object.
+    // Build a reply to `request`, a received method call, which may be this object. A failure leaves this
+    // object as it was.
     virtual bool InitializeErrorReply(TIIpcMessage& request, const char* errorName,
                                       const char* errorMessage) = 0;
     virtual bool InitializeReply(TIIpcMessage& request) = 0;
@@ -58,6 +60,7 @@ public:
     // Ends reading; the next Pop* starts at the first argument again.
     virtual bool PopEnd() = 0;
 
+    // Append one argument. False when the object is empty or is being read, and for a text that is not UTF-8.
     virtual bool PushBool(bool value) = 0;
     virtual bool PushByte(std::uint8_t value) = 0;
     virtual bool PushInt(std::int32_t value) = 0;
@@ -67,9 +70,10 @@ public:
     // Ends appending.
     virtual bool PushEnd() = 0;
 
-    // The raw message of the transport; with addReference the caller gets a reference of its own.
+    // The raw message of the transport, null when there is none; with addReference the caller gets a
+    // reference of its own.
     virtual void* GetRawMessage(bool addReference) = 0;
-    // Drops the old raw message and adopts one reference of `raw`.
+    // Drops the old raw message and adopts one reference of `raw`, which may be null.
     virtual void SetRawMessage(void* raw) = 0;
 
     // Appends `size` bytes, not null unless `size` is 0, as one byte array. Copies them once; by default

@@ -11,7 +11,7 @@
 #define MAVIX_ENUM_32
 #endif
 
-/* The types of the service's events. */
+/* The types of the service's events. IPC_MESSAGE_MAX is their number and no type. */
 typedef enum EIPCMessageType MAVIX_ENUM_32 {
     IPC_MESSAGE_SIGNAL = 0,
     IPC_MESSAGE_PIPELINE_EVENT = 1,
@@ -34,7 +34,8 @@ typedef enum EIPCMessageType MAVIX_ENUM_32 {
 typedef char MavixMessageTypeIs32Bits[sizeof(EIPCMessageType) == 4 ? 1 : -1];
 
 /* Receives an event: its id and `length` bytes of payload, which are valid during the call only; null when
- * there are none. Called on the thread that runs the default GLib main context. */
+ * there are none. Called on the thread that runs the default GLib main context, one event at a time. What a
+ * callback in C++ throws is logged and goes no further. */
 typedef void (*MavixEventCallback)(int id, const char* data, int length);
 
 #ifdef __cplusplus

@@ -57,7 +57,7 @@ public:
 
     // Insert at `offset` and move the rest up: existing bytes are never replaced. -1 is the end. An offset
     // past the end is an assertion, and on a release build stops the process all the same, as does any other
-    // negative one. `data` is not null unless `size` is 0.
+    // negative one. `data` is not null unless `size` is 0, and does not lie in this buffer.
     bool WriteInt(int value, int offset);
     bool WriteLongLong(long long value, int offset);
     bool WriteConcatenated(unsigned long size, void* data, int offset);

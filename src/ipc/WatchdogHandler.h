@@ -19,7 +19,9 @@ public:
 
     // The calling thread promises a notification at least every `periodSeconds`.
     virtual void Register(int periodSeconds);
+    // Ends that promise.
     virtual void Unregister();
+    // The calling thread is alive. Every fourth time it is logged under `threadName`.
     virtual void Notify(const std::string& threadName);
 
 private:
