@@ -10,9 +10,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <memory>
 #include <poll.h>
 #include <string_view>
+#include <sys/stat.h>
 
 namespace MavixPlatformHost {
 
@@ -103,6 +105,23 @@ EJournalResult WriteJournal(const Settings& settings, int priority, const char* 
     return SendToJournal(entry, settings.journal);
 }
 
+// Others may take the room that poll saw. Standard error itself cannot be made non-blocking, because it is
+// theirs too: a pipe is opened anew, a socket is told not to wait.
+ssize_t WriteAtOnce(const char* line, std::size_t size) {
+    struct stat status {};
+    static_cast<void>(::fstat(STDERR_FILENO, &status));
+    if (S_ISSOCK(status.st_mode)) {
+        return ::send(STDERR_FILENO, line, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    }
+    if (S_ISFIFO(status.st_mode)) {
+        const TCDescriptor pipe(::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+        if (pipe) {
+            return ::write(pipe.Get(), line, size);
+        }
+    }
+    return ::write(STDERR_FILENO, line, size);
+}
+
 // One line is one write of at most PIPE_BUF bytes, so that lines of several processes do not mix, and only
 // when there is room: neither a full nor a broken pipe may stop the caller. False: no room.
 bool WriteTerminal(int priority, const char* tag, std::string_view text) {
@@ -128,7 +147,7 @@ bool WriteTerminal(int priority, const char* tag, std::string_view text) {
     // Texts may hold what a peer sent: it shall not steer the terminal, nor look like a line of ours.
     std::replace_if(
         line, line + size - 1, [](char c) { return (c >= 0 && c < ' ' && c != '\t') || c == '\x7f'; }, '?');
-    return ::write(STDERR_FILENO, line, size) >= 0 || errno != EAGAIN;
+    return WriteAtOnce(line, size) >= 0 || errno != EAGAIN;
 }
 
 std::atomic<unsigned> s_droppedByJournal{0};

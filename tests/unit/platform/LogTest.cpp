@@ -5,8 +5,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -15,6 +18,17 @@
 
 using namespace std::chrono_literals;
 using testing::HasSubstr;
+
+// What happens between the look whether there is room and the write.
+static std::function<void()> afterPoll;
+extern "C" __attribute__((visibility("default"))) int poll(pollfd* files, nfds_t count, int timeoutMs) {
+    const auto real = reinterpret_cast<decltype(&poll)>(dlsym(RTLD_NEXT, "poll"));
+    const int result = real(files, count, timeoutMs);
+    if (afterPoll) {
+        afterPoll();
+    }
+    return result;
+}
 
 namespace {
 
@@ -415,6 +429,32 @@ TEST_F(HostLog, FullTerminalPipeDropsLinesCountsThemAndNeverBlocks) {
     EXPECT_EQ(rest.find("E MAVIX_API: after\nW MAVIX_PLATFORM: "), 0U) << rest;
     EXPECT_THAT(rest, HasSubstr("standard error was not read in time: "));
     EXPECT_EQ(DroppedLines(rest), lines - received);
+}
+
+// Another thread or process takes the room that was there a moment ago.
+TEST_F(HostLog, RoomThatOthersTakeDropsLinesAndNeverBlocks) {
+    const auto pipe = [](int* ends) { return ::pipe(ends); };
+    const auto sockets = [](int* ends) { return ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends); };
+    const std::pair<const char*, std::function<int(int*)>> rows[] = {{"pipe", pipe}, {"socket", sockets}};
+    for (const auto& [name, make] : rows) {
+        const ChildResult result = RunChild(t_With({{"MAVIX_LOG", "error"}}), [&make = make] {
+            int ends[2];
+            if (make(ends) != 0) {
+                return 1;
+            }
+            ::dup2(ends[1], STDERR_FILENO);
+            afterPoll = [] {
+                ::fcntl(STDERR_FILENO, F_SETFL, ::fcntl(STDERR_FILENO, F_GETFL) | O_NONBLOCK);
+                const std::vector<char> page(4096, 'x');
+                while (::write(STDERR_FILENO, page.data(), page.size()) > 0) {
+                }
+                ::fcntl(STDERR_FILENO, F_SETFL, ::fcntl(STDERR_FILENO, F_GETFL) & ~O_NONBLOCK);
+            };
+            ::alarm(10);
+            return Print(MAVIX_LOG_ERROR, "text");
+        });
+        EXPECT_EQ(result.status, 0) << name;
+    }
 }
 
 TEST_F(HostLog, BrokenTerminalPipeDoesNotEndTheProcess) {
