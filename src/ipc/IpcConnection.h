@@ -47,7 +47,8 @@ public:
     virtual bool RemoveMatch(const char* rule) = 0;
     // Empty when not connected.
     virtual std::string GetUniqueName() = 0;
-    // Asks for a well-known name without queueing for it. Success as of AddMatch.
+    // Asks for a well-known name; how, differs from transport to transport. Success says that the request
+    // left.
     virtual bool RequestName(const std::string& name) = 0;
     // Gives a well-known name back and waits for the bus to say so.
     virtual bool ReleaseName(const std::string& name) = 0;
