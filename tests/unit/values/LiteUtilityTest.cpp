@@ -1,6 +1,6 @@
 #include "LiteUtility.h"
-#include "ClockControl.h"
 #include "RecordingPlatform.h"
+#include "VirtualClock.h"
 
 #include <gtest/gtest.h>
 
@@ -98,9 +98,9 @@ TEST(LiteUtility, TimestampsCompareAcrossTheWrap) {
 }
 
 TEST(LiteUtility, GetTimestampReadsTheMonotonicClock) {
-    TCClockControl clock;
+    TCVirtualClock clock;
     std::vector<clockid_t> asked;
-    clock.getTime = [&](clockid_t id, timespec* time) {
+    clock.onGetTime = [&](clockid_t id, timespec* time) {
         asked.push_back(id);
         *time = timespec{1234, 567};
         return 0;
@@ -113,8 +113,8 @@ TEST(LiteUtility, GetTimestampReadsTheMonotonicClock) {
 
 TEST(LiteUtility, GetTimestampIsZeroAndLogsWhenTheClockCannotBeRead) {
     {
-        TCClockControl clock;
-        clock.getTime = [](clockid_t, timespec* time) {
+        TCVirtualClock clock;
+        clock.onGetTime = [](clockid_t, timespec* time) {
             *time = timespec{99, 99};
             return -1;
         };
@@ -145,10 +145,10 @@ TEST(LiteUtility, SleepMsSleepsUntilADeadlineOfTheMonotonicClock) {
         {{10, 1}, 3600000, {3610, 1}},
     };
     for (const auto& row : rows) {
-        TCClockControl clock;
-        clock.Freeze(row.now.tv_sec, row.now.tv_nsec);
+        TCVirtualClock clock;
+        clock.Set(row.now.tv_sec, row.now.tv_nsec);
         int sleeps = 0;
-        clock.nanoSleep = [&](clockid_t id, int flags, const timespec* request) {
+        clock.onNanoSleep = [&](clockid_t id, int flags, const timespec* request) {
             EXPECT_EQ(CLOCK_MONOTONIC, id);
             EXPECT_EQ(TIMER_ABSTIME, flags);
             EXPECT_TRUE(*request == row.deadline)
@@ -162,10 +162,10 @@ TEST(LiteUtility, SleepMsSleepsUntilADeadlineOfTheMonotonicClock) {
 }
 
 TEST(LiteUtility, SleepMsRepeatsTheSameDeadlineWhileSignalsInterrupt) {
-    TCClockControl clock;
-    clock.Freeze(20, 0);
+    TCVirtualClock clock;
+    clock.Set(20, 0);
     std::vector<timespec> deadlines;
-    clock.nanoSleep = [&](clockid_t, int, const timespec* request) {
+    clock.onNanoSleep = [&](clockid_t, int, const timespec* request) {
         deadlines.push_back(*request);
         return deadlines.size() < 5 ? EINTR : 0;
     };
@@ -177,9 +177,9 @@ TEST(LiteUtility, SleepMsRepeatsTheSameDeadlineWhileSignalsInterrupt) {
 }
 
 TEST(LiteUtility, SleepMsEndsOnAnyOtherError) {
-    TCClockControl clock;
+    TCVirtualClock clock;
     int sleeps = 0;
-    clock.nanoSleep = [&](clockid_t, int, const timespec*) {
+    clock.onNanoSleep = [&](clockid_t, int, const timespec*) {
         ++sleeps;
         return EINVAL;
     };

@@ -1,9 +1,9 @@
 #define MAVIX_SOURCE "ipc/AssertUser"
 
 #include "MavixAssert.h"
-#include "ClockControl.h"
 #include "FlavourFixture.h"
 #include "RecordingPlatform.h"
+#include "VirtualClock.h"
 
 #include <gtest/gtest.h>
 
@@ -34,9 +34,9 @@ void Leave(bool good, bool& passed) {
 }
 
 // Says when the assertion sleeps, for how long and how much of the log was written by then.
-void ShowSleeps(TCClockControl& clock) {
-    clock.Freeze(100, 0);
-    clock.nanoSleep = [](clockid_t, int, const timespec* request) {
+void ShowSleeps(TCVirtualClock& clock) {
+    clock.Set(100, 0);
+    clock.onNanoSleep = [](clockid_t, int, const timespec* request) {
         std::printf("slept %ld ms after %zu lines\n",
                     (request->tv_sec - 100) * 1000 + request->tv_nsec / 1000000,
                     TCRecordingPlatform::Get().Lines().size());
@@ -48,7 +48,7 @@ void ShowSleeps(TCClockControl& clock) {
 } // namespace
 
 MAVIX_CHILD(FailBare) {
-    TCClockControl clock;
+    TCVirtualClock clock;
     ShowSleeps(clock);
     std::printf("returned %d\n",
                 MavixApiLite::_TCApiAssert("a > b", "../../../src/ipc/Some", 4294967296UL, nullptr));
@@ -56,7 +56,7 @@ MAVIX_CHILD(FailBare) {
 }
 
 MAVIX_CHILD(FailWithAMessage) {
-    TCClockControl clock;
+    TCVirtualClock clock;
     ShowSleeps(clock);
     std::printf("returned %d\n",
                 MavixApiLite::_TCApiAssert("a > b", "../../../src/ipc/Some", 12, "a is small"));

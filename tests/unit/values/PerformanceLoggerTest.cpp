@@ -1,6 +1,6 @@
 #include "PerformanceLogger.h"
-#include "ClockControl.h"
 #include "FlavourFixture.h"
+#include "VirtualClock.h"
 
 #include <gtest/gtest.h>
 
@@ -33,28 +33,28 @@ ChildResult LiveFor(unsigned int flavour, const std::string& startSeconds, const
 } // namespace
 
 MAVIX_CHILD(LiveFor) {
-    TCClockControl clock;
-    clock.Freeze(std::stol(arguments[0]), std::stol(arguments[1]));
+    TCVirtualClock clock;
+    clock.Set(std::stol(arguments[0]), std::stol(arguments[1]));
     {
         const PerformanceLogger logger("IpcClient", 42, "waiting for %s, %d", "the bus", 7);
-        clock.Freeze(std::stol(arguments[2]), std::stol(arguments[3]));
+        clock.Set(std::stol(arguments[2]), std::stol(arguments[3]));
     }
     return 0;
 }
 
 MAVIX_CHILD(PrintFields) {
-    TCClockControl clock;
-    clock.Freeze(1234, 999999999);
+    TCVirtualClock clock;
+    clock.Set(1234, 999999999);
     const PerformanceLogger logger("IpcClient", 42, "waiting for %s, %d", "the bus", 7);
     MavixApiLite::TestAccess::Print(logger);
     return 0;
 }
 
 MAVIX_CHILD(LongMessage) {
-    TCClockControl clock;
-    clock.Freeze(10, 0);
+    TCVirtualClock clock;
+    clock.Set(10, 0);
     const PerformanceLogger logger("IpcClient", 42, "%s", std::string(126, 'a').append("bcd").c_str());
-    clock.Freeze(20, 0);
+    clock.Set(20, 0);
     return 0;
 }
 

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
-#include <ctime>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -13,7 +12,7 @@ namespace {
 
 constexpr std::int64_t startNs = 1000000000000;
 
-std::atomic<bool> stopped{false};
+std::atomic<const TCVirtualClock*> current{nullptr};
 std::atomic<std::int64_t> nowNs{startNs};
 
 std::int64_t ToNs(const timespec& time) {
@@ -30,11 +29,15 @@ void AdvanceTo(std::int64_t time) {
 
 TCVirtualClock::TCVirtualClock() {
     nowNs = startNs;
-    stopped = true;
+    current = this;
 }
 
 TCVirtualClock::~TCVirtualClock() {
-    stopped = false;
+    current = nullptr;
+}
+
+void TCVirtualClock::Set(time_t seconds, long nanoseconds) {
+    nowNs = ToNs(timespec{seconds, nanoseconds});
 }
 
 void TCVirtualClock::Advance(std::chrono::milliseconds time) {
@@ -51,7 +54,11 @@ long long TCVirtualClock::ElapsedMs() const {
 extern "C" {
 
 __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timespec* time) noexcept {
-    if (clock != CLOCK_MONOTONIC || !MavixTest::stopped) {
+    const MavixTest::TCVirtualClock* current = MavixTest::current;
+    if (current != nullptr && current->onGetTime) {
+        return current->onGetTime(clock, time);
+    }
+    if (current == nullptr || clock != CLOCK_MONOTONIC) {
         return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
     }
     const std::int64_t now = MavixTest::nowNs;
@@ -62,7 +69,11 @@ __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timesp
 
 __attribute__((visibility("default"))) int clock_nanosleep(clockid_t clock, int flags, const timespec* time,
                                                            timespec* left) {
-    if (clock != CLOCK_MONOTONIC || !MavixTest::stopped) {
+    const MavixTest::TCVirtualClock* current = MavixTest::current;
+    if (current != nullptr && current->onNanoSleep) {
+        return current->onNanoSleep(clock, flags, time);
+    }
+    if (current == nullptr || clock != CLOCK_MONOTONIC) {
         return syscall(SYS_clock_nanosleep, clock, flags, time, left) == 0 ? 0 : errno;
     }
     const std::int64_t start = flags == TIMER_ABSTIME ? 0 : MavixTest::nowNs.load();
