@@ -146,6 +146,8 @@ void TCGSourceHandler::m_CreateSource() {
     m_pGSource.reset(g_source_new(&gSourceHandlerFuncs, sizeof(HandlerSource)));
     if (!m_pGSource) {
         MAVIX_LOGE("g_source_new failed!");
+        // Nobody would take what is queued: a null queue tells the caller of Start so.
+        m_pAsyncQueue.reset();
         return;
     }
     g_source_set_callback(m_pGSource.get(), nullptr, this, nullptr);
