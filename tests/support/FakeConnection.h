@@ -20,6 +20,7 @@ public:
     std::function<bool(MavixApiLite::TIIpcMessage&)> onSendWithReply;   // default: false
     std::function<bool(const std::string&, int, bool&)> onBusHasOwner;  // default: answered, has an owner
     std::function<std::unique_ptr<MavixApiLite::TIIpcMessage>(void*)> onNewMessage; // default: a GIO message
+    std::function<void()> onDeleteRawMessage;
     bool waitConnected = true;
     bool addMatch = true;
     bool removeMatch = true;
@@ -91,6 +92,9 @@ public:
         return message;
     }
     void DeleteRawMessage(void* raw) override {
+        if (onDeleteRawMessage) {
+            onDeleteRawMessage();
+        }
         if (raw != nullptr) {
             g_object_unref(raw);
         }

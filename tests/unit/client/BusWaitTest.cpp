@@ -102,8 +102,22 @@ TEST_F(BusWait, WithoutTheFeatureACallIsRefusedAndTheInterfaceWaitIsNot) {
                                       "IpcClient|[API_LITE] Bus not owned",
                                       "IpcClient|[API_LITE] m_PrepareCall failed."));
     EXPECT_TRUE(Client().WaitForCreateInterface("com.norvale.ITest"));
-    EXPECT_EQ(1U, m_platform.Count("[API_LITE] IsMAVIXSupported() is false, just return true"));
+    const std::vector<LogLine> lines =
+        m_platform.LinesWith("[API_LITE] IsMAVIXSupported() is false, just return true");
+    ASSERT_EQ(1U, lines.size());
+    EXPECT_EQ("MAVIX_API", lines[0].tag);
+    EXPECT_EQ("WaitForCreateInterface", lines[0].function);
     EXPECT_THAT(Connection().Calls(), IsEmpty());
+}
+
+TEST_F(BusWait, TheFeatureIsNotAskedForWhenTheBusIsKnown) {
+    ASSERT_TRUE(Call());
+    SupportIs(false);
+    m_platform.Reset();
+    SupportIs(false);
+    EXPECT_TRUE(Call());
+    EXPECT_THAT(m_platform.Calls(), testing::Each(testing::HasSubstr("cpu_inheritance")));
+    EXPECT_FALSE(Call("com.norvale.ISessionControl"));
 }
 
 TEST_F(BusWait, WithTheFeatureCallsGoThrough) {

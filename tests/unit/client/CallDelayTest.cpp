@@ -207,6 +207,15 @@ TEST_F(SlowBus, ACallOfABusThatNeverComesFails) {
     EXPECT_THAT(Connection().Calls(), ElementsAre("BusHasOwner(com.norvale.MavixAPI, 250)"));
 }
 
+TEST_F(SlowBus, TheTimeOfSendingIsThatBeforeTheWait) {
+    BusTakes(std::chrono::seconds(3), true);
+    const unsigned long long start = NowMs();
+    ASSERT_TRUE(CallAsync("com.norvale.IAVControl", 66));
+    EXPECT_EQ(3000, m_clock.ElapsedMs());
+    ASSERT_TRUE(Requests().at(0).aux);
+    EXPECT_EQ(start, TimestampOf(*Requests().at(0).aux));
+}
+
 // The bus is waited for before the payload is looked at.
 TEST_F(SlowBus, AnOversizedFirstCallOfAnAbsentBusFailsForTheBus) {
     BusTakes(std::chrono::seconds(25), false);

@@ -172,6 +172,24 @@ TEST_F(ClientObject, EndsWithoutHavingBeenInitialised) {
     EXPECT_THAT(LogFrom(4), IsEmpty());
 }
 
+// The dispatch thread may still filter messages meanwhile.
+TEST_F(ClientObject, StopsItsSourcesUnderTheirMutex) {
+    ASSERT_TRUE(Initialize());
+    ASSERT_TRUE(Filter(Signal("Data", "('1', '0', [byte 1])")));
+    TCIpcClient& client = Client();
+    bool free = true;
+    Connection().onDeleteRawMessage = [&client, &free] {
+        // Asked on another thread: a mutex must not be tried by its owner.
+        std::thread([&client, &free] {
+            const std::unique_lock<std::mutex> lock(TestAccess::SourceHandlersMutex(client),
+                                                    std::try_to_lock);
+            free = lock.owns_lock();
+        }).join();
+    };
+    DestroyClient();
+    EXPECT_FALSE(free);
+}
+
 TEST_F(ClientObject, QueuedEventsDieWithTheClient) {
     static int calls;
     calls = 0;

@@ -65,6 +65,14 @@ TEST_F(EventDecoding, AnEmptyPayloadHasLengthZero) {
     EXPECT_THAT(LogFrom(0), IsEmpty());
 }
 
+TEST_F(EventDecoding, TheDataOfAnEmptyPayloadIsNull) {
+    static const char* given;
+    given = "untouched";
+    Client().SetCallbackFunction(IPC_MESSAGE_DATA, [](int, const char* data, int) { given = data; });
+    Handle(Signal("Data", "('1', '0', @ay [])"));
+    EXPECT_EQ(nullptr, given);
+}
+
 TEST_F(EventDecoding, PathInterfaceAndSenderAreNotLookedAt) {
     Handle(Signal("Data", "('1', '0', [byte 0x61])", "com.norvale.Other", "/some/where"));
     Handle(MethodCall(nullptr, "Data", "('2', '0', [byte 0x61])"));

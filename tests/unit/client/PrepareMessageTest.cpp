@@ -1,7 +1,10 @@
 #include "ClientFixture.h"
 
+#include "ChildProgram.h"
+
 #include <cerrno>
 #include <numeric>
+#include <sys/wait.h>
 #include <unistd.h>
 
 // How a request is laid out.
@@ -124,6 +127,48 @@ TEST_F(PrepareMessage, OneByteMoreIsRefusedAndNothingIsPushed) {
     EXPECT_THAT(Errors(), ElementsAre("IpcClient|[API_LITE] Message exceeds allowed limit for message size "
                                       "(size: 16777217, limit: 16777216)",
                                       "GdbusMessage|Pushing not started!"));
+}
+
+// Arguments: the names of the program at its first call of one bus and at that of another.
+MAVIX_CHILD(GreetUnderTwoNames) {
+    FakedClient faked;
+    for (std::size_t at = 0; at < 2; ++at) {
+        std::string name = arguments.at(at);
+        char* const before = std::exchange(program_invocation_short_name, name.data());
+        faked.CallAsync(at == 0 ? "com.norvale.ITest" : "com.norvale.ISessionControl");
+        program_invocation_short_name = before;
+        std::printf("%s\n", faked.Requests().back().programName.value_or("no name").c_str());
+    }
+    return 0;
+}
+
+TEST(ProgramName, IsReadOnceAndKept) {
+    const ChildResult result = RunChildProgram("GreetUnderTwoNames", plainFlavour, {"first", "second"});
+    EXPECT_EQ("first\nfirst\n", result.output) << result.errors;
+}
+
+TEST(ProgramName, IsMadeValidForTheBus) {
+    const ChildResult result = RunChildProgram("GreetUnderTwoNames", plainFlavour, {"caf\xe9 1", "second"});
+    EXPECT_EQ("caf\xef\xbf\xbd 1\ncaf\xef\xbf\xbd 1\n", result.output) << result.errors;
+}
+
+MAVIX_CHILD(CallBeforeAndAfterAFork) {
+    FakedClient faked;
+    const pid_t first = getpid();
+    if (!faked.CallAsync() || faked.Requests().back().pid != first) {
+        return 1;
+    }
+    const pid_t forked = fork();
+    if (forked == 0) {
+        _exit(faked.CallAsync() && faked.Requests().back().pid == first ? 0 : 2);
+    }
+    int status = 0;
+    return waitpid(forked, &status, 0) == forked && WIFEXITED(status) ? WEXITSTATUS(status) : 3;
+}
+
+TEST(ProcessId, IsReadOnceAndKept) {
+    const ChildResult result = RunChildProgram("CallBeforeAndAfterAFork");
+    EXPECT_EQ(0, result.exitCode) << result.errors;
 }
 
 } // namespace
