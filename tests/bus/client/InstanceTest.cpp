@@ -3,14 +3,39 @@
 #include "ChildProgram.h"
 #include "IpcClientInstance.h"
 
+#include <glib.h>
+#include <new>
 #include <set>
 #include <thread>
+#include <utility>
 
 // The one client of a process. Its creation is looked at in child programs, which have none yet.
 
 using namespace MavixTest;
 using MavixApiLite::TCIpcClientInstance;
 using MavixApiLite::TIIpcClient;
+
+namespace {
+
+bool nextCreationFails = false;
+
+} // namespace
+
+// The linker puts this between the library and GLib: the client is made for the default context.
+extern "C" {
+
+GMainContext* RealDefaultContext() asm("__real_g_main_context_default");
+GMainContext* FakeDefaultContext() asm("__wrap_g_main_context_default");
+
+// GIO names it, too, so the linker wants to show it.
+__attribute__((visibility("default"))) GMainContext* FakeDefaultContext() {
+    if (std::exchange(nextCreationFails, false)) {
+        throw std::bad_alloc();
+    }
+    return RealDefaultContext();
+}
+
+} // extern "C"
 
 namespace {
 
@@ -67,6 +92,31 @@ TEST(Instance, EndsWithTheProcess) {
                                        "interfaceName:com.norvale.Mavix.SignalIFace, "
                                        "objectName:/com/norvale/Mavix/SignalObject"))
         << result.errors;
+}
+
+MAVIX_CHILD(CreateAfterFailures) {
+    const ServiceBus bus;
+    nextCreationFails = true;
+    try {
+        TCIpcClientInstance::GetInstance();
+        return 1;
+    } catch (const std::bad_alloc&) {
+        std::printf("thrown, ");
+    }
+    nextCreationFails = true;
+    const bool flat = IPCConnection__Create();
+    const bool instance = TCIpcClientInstance::GetInstance() != nullptr;
+    const bool worked = Settle();
+    std::printf("flat %d, then %d, worked %d, connects %zu\n", flat, instance, worked,
+                TCRecordingPlatform::Get().Count("[API_LITE][START] DbusThread, m_Connect"));
+    return 0;
+}
+
+TEST(Instance, IsTriedAgainByTheNextCallerWhenItsCreationThrows) {
+    const ChildResult result = RunChildProgram("CreateAfterFailures");
+    EXPECT_EQ(0, result.exitCode) << result.errors;
+    EXPECT_EQ("thrown, flat 0, then 1, worked 1, connects 1\n", result.output) << result.errors;
+    EXPECT_EQ(1U, result.CountLines(6, "[API_LITE] exception: std::bad_alloc")) << result.errors;
 }
 
 class InstanceShare : public ClientBusTest {};
