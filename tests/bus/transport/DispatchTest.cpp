@@ -199,6 +199,20 @@ TEST_F(GdbusDispatchTest, RepliesNeverReachTheOwner) {
     EXPECT_EQ(std::vector<std::string>{"Ask"}, m_owner.Messages());
 }
 
+TEST_F(GdbusDispatchTest, AnUnhandledSignalLeavesNoLine) {
+    ASSERT_TRUE(Connect(&m_owner));
+    ASSERT_TRUE(TCRecordingPlatform::Get().WaitFor("Started main loop"));
+    TCRecordingPlatform::Get().Reset();
+    Emit("Happened");
+    // Answered after the signal was dispatched.
+    m_peer.Call(Ask());
+    std::vector<std::string> lines;
+    for (const LogLine& line : TCRecordingPlatform::Get().Lines()) {
+        lines.push_back(line.text);
+    }
+    EXPECT_EQ((std::vector<std::string>{"Unhandled method", "Pushing not started!"}), lines);
+}
+
 // What GIO would answer by itself is taken from it.
 TEST_F(GdbusDispatchTest, PingsAreTheOwnersAffair) {
     ASSERT_TRUE(Connect(&m_owner));

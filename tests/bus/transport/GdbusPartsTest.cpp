@@ -1,3 +1,4 @@
+#include "ChildProgram.h"
 #include "GSourceHandler.h"
 #include "GdbusConnection.h"
 #include "LogPriorities.h"
@@ -6,7 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
 
 // The function that GIO's worker runs for every message, and other parts of the connection, without a bus.
 
@@ -107,6 +111,29 @@ TEST(GdbusAllocator, MakesAdoptsAndDropsMessages) {
     allocator.DeleteRawMessage(nullptr);
     EXPECT_EQ(1U, G_OBJECT(raw)->ref_count);
     g_object_remove_weak_pointer(G_OBJECT(raw), &watched);
+}
+
+MAVIX_CHILD(StoreASecondConnectingThread) {
+    class Connection final : public TCGdbusConnection {
+    public:
+        void Store() {
+            t_SetConnectingThread(std::thread([] { pause(); }));
+        }
+    };
+    // Never destroyed: that would wait for its thread.
+    auto& connection = *new Connection;
+    connection.Store();
+    std::printf("one is stored\n");
+    std::fflush(stdout);
+    connection.Store();
+    return 0;
+}
+
+TEST(GdbusConnectingThread, ASecondOneStopsTheProcess) {
+    const ChildResult result = RunChildProgram("StoreASecondConnectingThread");
+    EXPECT_EQ(SIGABRT, result.signal) << result.errors;
+    EXPECT_EQ("one is stored\n", result.output);
+    EXPECT_EQ(std::string::npos, result.errors.find("Assertion failed")) << result.errors;
 }
 
 // A connection to a peer without a bus between them has no unique name.

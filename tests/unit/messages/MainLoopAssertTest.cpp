@@ -128,3 +128,20 @@ TEST_F(MainLoopAssertion, WithoutALoopStartAborts) {
 TEST_F(MainLoopAssertion, WithoutALoopStartGoesOnOnARelease) {
     m_ExpectGoesOn(RunChildProgram("NoLoopToBeHad", releaseFlavour), "m_pGMainLoop");
 }
+
+MAVIX_CHILD(DestroyWithAThreadThatNobodyJoined) {
+    {
+        TCGMainLoopHandler handler(std::make_unique<SilentWatchdog>());
+        GlibDouble::SetLoopsFail(true);
+        handler.Start("TestLoop", 30);
+        // The last that the thread does with the handler.
+        TCRecordingPlatform::Get().WaitForCalls("smart_deadlock_unregister_watchdog_service()", 1);
+    }
+    return 0;
+}
+
+TEST_F(MainLoopAssertion, AThreadThatNobodyJoinedStopsTheProcessOnAReleaseToo) {
+    const ChildResult result = RunChildProgram("DestroyWithAThreadThatNobodyJoined", releaseFlavour);
+    EXPECT_EQ(SIGABRT, result.signal) << result.errors;
+    EXPECT_EQ(1U, CountAssertions(result, file, "m_pGMainLoop")) << result.errors;
+}

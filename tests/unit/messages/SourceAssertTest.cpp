@@ -3,6 +3,7 @@
 #include "SourceFixture.h"
 
 #include <csignal>
+#include <stdexcept>
 #include <unistd.h>
 
 using namespace MavixTest;
@@ -92,4 +93,25 @@ TEST_F(MessageSourceRefusal, DestructionInsideTheHandlerKeepsWhatRunsOnARelease)
     EXPECT_EQ(0, result.exitCode) << result.errors;
     EXPECT_EQ(0, result.signal) << result.errors;
     EXPECT_EQ(1U, result.CountLines(6, refusal)) << result.errors;
+}
+
+MAVIX_CHILD(ThrowFromTheDestructor) {
+    Scene scene;
+    scene.allocator.onDelete = [] { throw std::runtime_error("not freed"); };
+    GAsyncQueue* const queue = scene.handler->Start(scene.context.get(), [](TIIpcMessage&) {});
+    g_async_queue_push(queue, Numbered(1).release());
+    try {
+        scene.handler.reset();
+    } catch (const std::runtime_error&) {
+        return 1;
+    }
+    return 2;
+}
+
+TEST_F(MessageSourceRefusal, AnExceptionInTheDestructorStopsTheProcessOnAReleaseToo) {
+    for (const Flavour flavour : {plainFlavour, releaseFlavour}) {
+        const ChildResult result = RunChildProgram("ThrowFromTheDestructor", flavour);
+        EXPECT_EQ(SIGABRT, result.signal) << result.errors;
+        EXPECT_EQ(std::string::npos, result.errors.find("Assertion failed")) << result.errors;
+    }
 }
