@@ -57,6 +57,7 @@ TYPED_TEST(ConnectTest, EveryRequestBeforeConnectFailsWithLines) {
             TCRecordingPlatform::Get().LinesWith("[API_LITE] not connected!");
         ASSERT_EQ(1U, refused.size()) << name;
         EXPECT_EQ(errorLine, refused[0].priority) << name;
+        EXPECT_EQ("MAVIX_API", refused[0].tag) << name;
         EXPECT_EQ(TestFixture::Row::row.source, refused[0].source) << name;
         EXPECT_EQ(name, refused[0].function);
     }

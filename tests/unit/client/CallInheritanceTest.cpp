@@ -118,6 +118,7 @@ TEST_F(CallInheritanceWithoutProcess, WithoutAProcessNameThereIsALineAndNoInheri
     EXPECT_EQ("com.norvale.IOther", Requests().back().destination);
     EXPECT_THAT(InheritanceCalls(), IsEmpty());
     const LogLine line = OnlyError();
+    EXPECT_EQ("MAVIX_API", line.tag);
     EXPECT_EQ("PriorityInheritanceWrapper", line.source);
     EXPECT_EQ("TCPriorityInheritanceWrapper", line.function);
     EXPECT_EQ("Process name not set. Disabling inheritance.", line.text);

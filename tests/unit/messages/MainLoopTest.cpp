@@ -161,6 +161,7 @@ TEST_F(MainLoop, AWatchdogThatThrowsIsLoggedAndTheLoopGoesOn) {
     TCGMainLoopHandler handler(std::make_unique<ThrowingWatchdog>());
     GMainContext* const context = handler.Start("TestLoop", 0);
     EXPECT_TRUE(m_platform.WaitFor("[API_LITE] exception: no watchdog", 3));
+    EXPECT_GE(m_platform.Count(6, "[API_LITE] exception: no watchdog"), 3U);
     RunOn(context, [] {});
 }
 

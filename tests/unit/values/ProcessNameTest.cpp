@@ -99,6 +99,7 @@ TEST(ProcessName, OfAProcessThatDoesNotExistIsEmptyAndLogged) {
     const std::string pid = std::to_string(gone);
     EXPECT_EQ("Failed to open /proc/" + pid + "/cmdline[pid : " + pid + "]", OnlyLine().text);
     EXPECT_EQ(6, OnlyLine().priority);
+    EXPECT_EQ("MAVIX_API", OnlyLine().tag);
     EXPECT_EQ("IPCUtility", OnlyLine().source);
     EXPECT_EQ("GetProcessName", OnlyLine().function);
 }
@@ -120,6 +121,7 @@ TEST(ProcessName, OfAProcessWithoutCommandLineIsEmptyAndLogged) {
     const std::string pid = std::to_string(ended);
     EXPECT_EQ("Failed to read /proc/" + pid + "/cmdline[pid : " + pid + "]", OnlyLine().text);
     EXPECT_EQ(6, OnlyLine().priority);
+    EXPECT_EQ("MAVIX_API", OnlyLine().tag);
     waitpid(ended, nullptr, 0);
 }
 
