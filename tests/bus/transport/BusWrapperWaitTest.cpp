@@ -152,6 +152,26 @@ TEST_F(BusWrapperWait, SpeaksAtMostOnceASecond) {
     EXPECT_EQ(expected, lines);
 }
 
+TEST_F(BusWrapperWait, ASecondHasPassedWhenMoreThan999999999NanosecondsHave) {
+    for (const bool passed : {false, true}) {
+        SCOPED_TRACE(passed);
+        m_log.Reset();
+        m_clock.Set(1000, 0);
+        std::size_t round = 0;
+        m_connection->onBusHasOwner = [&](const std::string&, int, bool& hasOwner) {
+            if (++round == 2) {
+                passed ? m_clock.Set(1001, 0) : m_clock.Set(1000, 999999999);
+            }
+            hasOwner = round == 3;
+            return true;
+        };
+        EXPECT_TRUE(WaitForCreate());
+        EXPECT_EQ(1U, m_log.Count(debugLine, ProgressLine(0)));
+        EXPECT_EQ(passed ? 1U : 0U, m_log.Count(debugLine, ProgressLine(1000)));
+        EXPECT_EQ(passed ? 2U : 1U, m_log.Lines().size());
+    }
+}
+
 TEST_F(BusWrapperWait, SeveralThreadsMayWaitAtOnce) {
     std::atomic<int> left{40};
     m_connection->onBusHasOwner = [&](const std::string&, int, bool& hasOwner) {

@@ -213,6 +213,33 @@ TEST_F(GdbusDispatchTest, AnUnhandledSignalLeavesNoLine) {
     EXPECT_EQ((std::vector<std::string>{"Unhandled method", "Pushing not started!"}), lines);
 }
 
+// The source of a handler that still runs is left alone until its thread has ended.
+TEST_F(GdbusDispatchTest, DestructionEndsTheThreadBeforeTheSource) {
+    bool destroyed = true;
+    std::atomic<bool> running{false};
+    m_owner.onMessage = [&](TIIpcMessage&) {
+        GSource* const source = g_main_current_source();
+        GMainContext* const context = g_source_get_context(source);
+        const auto attachSource = [context] {
+            const MavixApiLite::SourceHandle any(g_timeout_source_new(1000000));
+            return g_source_attach(any.get(), context);
+        };
+        // The next source after this one is the one that ends the thread.
+        const guint last = attachSource();
+        running = true;
+        EXPECT_TRUE(Await([&] {
+            destroyed = g_source_is_destroyed(source) != FALSE;
+            return destroyed || g_main_context_find_source_by_id(context, last + 1) != nullptr;
+        }));
+        return true;
+    };
+    ASSERT_TRUE(Connect(&m_owner));
+    Emit("Happened");
+    ASSERT_TRUE(Await([&] { return running.load(); }));
+    m_connection.reset();
+    EXPECT_FALSE(destroyed);
+}
+
 // What GIO would answer by itself is taken from it.
 TEST_F(GdbusDispatchTest, PingsAreTheOwnersAffair) {
     ASSERT_TRUE(Connect(&m_owner));

@@ -134,24 +134,31 @@ TEST_F(Callback, OtherTypesAreSetByOtherThreadsWhileItRuns) {
     EXPECT_THAT(Events(), ElementsAre(Event{2, 1, "a"}));
 }
 
-TEST_F(Callback, AnotherThreadThatUnsetsItsTypeWaitsForItsEnd) {
-    std::promise<void> running;
-    std::promise<void> release;
-    insideCallback = [&] {
-        running.set_value();
-        release.get_future().wait();
+TEST_F(Callback, AnotherThreadThatSetsOrUnsetsItsTypeWaitsForItsEnd) {
+    const std::function<void()> changes[] = {
+        [] { clientOfCallbacks->SetCallbackFunction(data, nullptr); },
+        [] { clientOfCallbacks->UnsetCallbackFunction(data); },
     };
-    Client().SetCallbackFunction(data, RunInside);
-    std::thread events([this] { Emit("Data", 1); });
-    running.get_future().wait();
-    std::future<void> unset =
-        std::async(std::launch::async, [] { clientOfCallbacks->UnsetCallbackFunction(data); });
-    EXPECT_EQ(std::future_status::timeout, unset.wait_for(std::chrono::milliseconds(50)));
-    release.set_value();
-    unset.wait();
-    events.join();
-    Emit("Data", 2);
-    EXPECT_THAT(Events(), ElementsAre(Event{2, 1, "a"}));
+    for (const std::function<void()>& change : changes) {
+        SCOPED_TRACE(&change == changes ? "set" : "unset");
+        Events().clear();
+        std::promise<void> running;
+        std::promise<void> release;
+        insideCallback = [&] {
+            running.set_value();
+            release.get_future().wait();
+        };
+        Client().SetCallbackFunction(data, RunInside);
+        std::thread events([this] { Emit("Data", 1); });
+        running.get_future().wait();
+        std::future<void> changed = std::async(std::launch::async, change);
+        EXPECT_EQ(std::future_status::timeout, changed.wait_for(std::chrono::milliseconds(50)));
+        release.set_value();
+        changed.wait();
+        events.join();
+        Emit("Data", 2);
+        EXPECT_THAT(Events(), ElementsAre(Event{2, 1, "a"}));
+    }
 }
 
 // Arguments: "set" or "unset", the type.
