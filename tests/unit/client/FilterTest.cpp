@@ -14,7 +14,11 @@ namespace {
 
 class Filtering : public ClientTest {
 protected:
-    Filtering() { EXPECT_TRUE(Initialize()); }
+    Filtering() {
+        EXPECT_TRUE(Initialize());
+        // The signals thread's own line, so that it does not come among those of a test.
+        EXPECT_TRUE(m_platform.WaitFor("Started main loop: "));
+    }
 
     // Whether the handlers' lock is free, asked on another thread.
     bool LockIsFree() {
