@@ -132,4 +132,8 @@ bool TCIpcClientInstance::IsGone() {
     return registry.forkedChild || registry.exiting;
 }
 
+bool TCIpcClientInstance::IsForkedChild() {
+    return TheRegistry().forkedChild;
+}
+
 } // namespace MavixApiLite

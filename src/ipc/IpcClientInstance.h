@@ -17,6 +17,9 @@ public:
 
     // Whether GetInstance is empty for one of these two reasons.
     static bool IsGone();
+
+    // Whether this process is a child that was forked after the client was created. Takes no lock.
+    static bool IsForkedChild();
 };
 
 } // namespace MavixApiLite

@@ -33,6 +33,15 @@ inline void PrintAssertLine(const char* function, int line) {
     } while (0)
 #define MAVIX_ASSERT(condition) MAVIX_ASSERT_TEXT(condition, #condition)
 
+// The same with a message behind the check's own text.
+#define MAVIX_ASSERT_MESSAGE(condition, message)                                                             \
+    do {                                                                                                     \
+        if (!(condition)) {                                                                                  \
+            static_cast<void>(                                                                               \
+                ::MavixApiLite::_TCApiAssert(#condition, MAVIX_ASSERT_FILE, __LINE__, message));             \
+        }                                                                                                    \
+    } while (0)
+
 // Reports a failed check, says so on standard output and carries on.
 #define MAVIX_ASSERT_PRINT(function, text)                                                                   \
     do {                                                                                                     \

@@ -22,10 +22,10 @@ protected:
 
 // How often the child's log has the line of a failed check, with any line number.
 inline std::size_t CountAssertions(const ChildResult& result, const std::string& file,
-                                   const std::string& expression) {
+                                   const std::string& expression, const std::string& message = "") {
     const std::string before =
         "6|MAVIX_API|MavixAssert: TCApiPrintMessage|MAVIX Assertion failed [" + file + ":";
-    const std::string after = ":" + expression + "]\n";
+    const std::string after = ":" + expression + (message.empty() ? "]\n" : "]: " + message + "\n");
     std::size_t count = 0;
     for (std::size_t at = result.errors.find(before); at != std::string::npos;
          at = result.errors.find(before, at)) {
@@ -38,8 +38,9 @@ inline std::size_t CountAssertions(const ChildResult& result, const std::string&
     return count;
 }
 
-inline bool HasAssertion(const ChildResult& result, const std::string& file, const std::string& expression) {
-    return CountAssertions(result, file, expression) != 0;
+inline bool HasAssertion(const ChildResult& result, const std::string& file, const std::string& expression,
+                         const std::string& message = "") {
+    return CountAssertions(result, file, expression, message) != 0;
 }
 
 // A text with "N" for the numbers of the lines by which a child says that it leaves a function after a failed

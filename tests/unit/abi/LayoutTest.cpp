@@ -11,6 +11,7 @@
 #include "MessageBuffer.h"
 #include "MessageFilterContext.h"
 #include "PerformanceLogger.h"
+#include "SessionControlProxy.h"
 #include "WatchdogHandler.h"
 
 #include <gtest/gtest.h>
@@ -219,6 +220,21 @@ struct TestAccess {
                 FIELD(m_defaultContext),         FIELD(m_messageTypeByName),   FIELD(m_messageNameByType)};
     }
 
+    static Fields Of(const SessionControlProxy& object) {
+        static_assert(isA<decltype(object.m_interfaceName), std::string>);
+        static_assert(isA<decltype(object.m_ipcConnection), std::shared_ptr<TIIpcClient>>);
+        static_assert(isA<decltype(object.m_sessionLock), std::shared_mutex>);
+        static_assert(isA<decltype(object.m_sessionCounter), std::atomic<int>>);
+        static_assert(isA<decltype(object.m_sessionState), std::atomic<SessionControlProxy::ESessionState>>);
+        static_assert(isA<std::underlying_type_t<SessionControlProxy::ESessionState>, std::int32_t>);
+        static_assert(SessionControlProxy::Undefined == 0 && SessionControlProxy::Opened == 1 &&
+                      SessionControlProxy::Closed == 2);
+        static_assert(isA<decltype(SessionControlProxy::m_instanceLock), std::shared_mutex>);
+        static_assert(isA<decltype(SessionControlProxy::m_pSessionControlProxy), SessionControlProxy*>);
+        return {FIELD(m_interfaceName), FIELD(m_ipcConnection), FIELD(m_sessionLock), FIELD(m_sessionCounter),
+                FIELD(m_sessionState)};
+    }
+
     // What a started handler shares with the record that GLib keeps of its source.
     static const GSource* Source(const TCGSourceHandler& handler) { return handler.m_pGSource.get(); }
     static const GAsyncQueue* Queue(const TCGSourceHandler& handler) { return handler.m_pAsyncQueue.get(); }
@@ -306,6 +322,33 @@ TEST(Layout, OfTheClient) {
     ExpectLayout(TCIpcClient(std::make_unique<IpcConfigurationMavix>("a.b", "/a"), g_main_context_default(),
                              std::make_unique<MavixTest::FakeConnection>()),
                  twoTables);
+}
+
+TEST(Layout, OfTheSessionProxy) {
+    class : public TIIpcClient {
+        bool AddMatchRule(EIPCMessageType, int, const MAVIXHandle&) override { return false; }
+        bool RemoveMatchRule(EIPCMessageType, int, const MAVIXHandle&) override { return false; }
+        bool Call(const std::string&, short, TCMessageBuffer&, TCMessageBuffer&) override { return false; }
+        bool CallAsync(const std::string&, short, TCMessageBuffer&) override { return false; }
+        bool WaitForCreateInterface(const char*) override { return false; }
+        void SetCallbackFunction(EIPCMessageType, void (*)(int, const char*, int)) override {}
+        void UnsetCallbackFunction(EIPCMessageType) override {}
+        bool UseBoostingInheritance(bool) override { return false; }
+    } client;
+    ExpectLayout(SessionControlProxy(std::shared_ptr<TIIpcClient>(std::shared_ptr<void>(), &client)),
+                 noTable);
+}
+
+TEST(Layout, OfTheDebugInfo) {
+    const SessionControlDebugInfo object{};
+    static_assert(isA<decltype(object.structSize), std::int32_t>);
+    static_assert(isA<decltype(object.callerInfo), const char*>);
+    static_assert(isA<decltype(object.traceParam), std::int32_t>);
+    ExpectFieldsInOrder<SessionControlDebugInfo>({FIELD(structSize), FIELD(callerInfo), FIELD(traceParam)},
+                                                 noTable);
+    if (sizeof(void*) == 8) {
+        EXPECT_EQ(24U, sizeof object);
+    }
 }
 
 TEST(Layout, OfTheSemaphore) {

@@ -70,6 +70,7 @@ MAVIX_CHILD(UseTheForms) {
     else
         MAVIX_ASSERT(evaluations == 99);
     MAVIX_ASSERT_TEXT(Check(false), "(int) other text");
+    MAVIX_ASSERT_MESSAGE(evaluations == 98, "one more");
     std::printf("carried on after %d evaluations\n", evaluations);
     std::printf("left with %d\n", LeaveWithResult(false));
     Leave(false, passed);
@@ -121,6 +122,7 @@ TEST_F(Assertion, FormsReportTheirTextAndCarryOnOrLeaveOnARelease) {
     const std::string file = "../../../src/ipc/AssertUser";
     EXPECT_TRUE(HasAssertion(result, file, "evaluations == 99")) << result.errors;
     EXPECT_TRUE(HasAssertion(result, file, "(int) other text")) << result.errors;
+    EXPECT_TRUE(HasAssertion(result, file, "evaluations == 98", "one more")) << result.errors;
     EXPECT_EQ(2u, CountAssertions(result, file, "good == true")) << result.errors;
     EXPECT_TRUE(HasAssertion(result, file, "false")) << result.errors;
     EXPECT_FALSE(HasAssertion(result, file, "Check(true)")) << result.errors;
@@ -146,10 +148,11 @@ TEST(AssertionForms, DoNothingWhileTheCheckHolds) {
     bool passed = false;
     MAVIX_ASSERT(Check(true));
     MAVIX_ASSERT_TEXT(Check(true), "text");
+    MAVIX_ASSERT_MESSAGE(Check(true), "message");
     EXPECT_EQ(1, LeaveWithResult(true));
     Leave(true, passed);
     EXPECT_TRUE(passed);
-    EXPECT_EQ(4, evaluations);
+    EXPECT_EQ(5, evaluations);
     EXPECT_TRUE(TCRecordingPlatform::Get().Lines().empty());
 }
 
