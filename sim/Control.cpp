@@ -145,6 +145,7 @@ void TCControl::m_RecordsFrom(sd_bus_message* message) {
 
 void TCControl::m_ClearRecords(sd_bus_message* message) {
     m_parts.recorder.Clear();
+    m_parts.sessions.ClearCounters();
     ReplyEmpty(message);
 }
 
@@ -154,6 +155,7 @@ void TCControl::m_Stats(sd_bus_message* message) {
     stats["names"] = m_parts.names.Owned();
     stats["waiting"] = m_parts.timers.Waiting();
     stats["eventsEmitted"] = m_parts.emitter.Emitted();
+    stats["sessions"] = m_parts.sessions.Counters();
     ReplyText(message, stats.dump());
 }
 

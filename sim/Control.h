@@ -21,6 +21,7 @@ public:
         TCCallRecorder& recorder;
         TCBurstEmitter& emitter;
         TCTimers& timers;
+        TCSessions& sessions;
     };
 
     explicit TCControl(const Parts& parts);

@@ -20,6 +20,7 @@ struct Deleter {
 using BusHandle = std::unique_ptr<sd_bus, Deleter<sd_bus_flush_close_unref>>;
 using MessageHandle = std::unique_ptr<sd_bus_message, Deleter<sd_bus_message_unref>>;
 using SlotHandle = std::unique_ptr<sd_bus_slot, Deleter<sd_bus_slot_unref>>;
+using TrackHandle = std::unique_ptr<sd_bus_track, Deleter<sd_bus_track_unref>>;
 using CredsHandle = std::unique_ptr<sd_bus_creds, Deleter<sd_bus_creds_unref>>;
 using EventHandle = std::unique_ptr<sd_event, Deleter<sd_event_unref>>;
 using SourceHandle = std::unique_ptr<sd_event_source, Deleter<sd_event_source_disable_unref>>;

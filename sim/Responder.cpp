@@ -19,6 +19,13 @@ Parameter ParameterOf(const Call& call, const std::vector<std::uint8_t>& ruled) 
     return ruled.empty() ? Parameter{call.payload, call.payloadSize} : Parameter{ruled.data(), ruled.size()};
 }
 
+// Whether the session interface does what is asked; otherwise it only answers as it was told.
+bool DoesSessionCall(const Call& call, Behaviour behaviour, bool hasOwnParameter) {
+    return call.interface == sessionInterface &&
+           ((behaviour == Behaviour::Echo && !hasOwnParameter) || behaviour == Behaviour::Delay ||
+            behaviour == Behaviour::DropName);
+}
+
 } // namespace
 
 void TCResponder::SetReply(const std::string& interface, std::int16_t code, Behaviour behaviour,
@@ -76,8 +83,14 @@ void TCResponder::m_Answer(sd_bus_message* request, const Call& call, const Rule
         Check(sd_event_exit(m_event, parameter.Number()), "exit");
         return;
     }
+    std::vector<std::uint8_t> answer;
+    Parameter echoed = parameter;
+    if (DoesSessionCall(call, rule.behaviour, !rule.parameter.empty())) {
+        answer = m_sessions.Answer(call);
+        echoed = Parameter{answer.data(), answer.size()};
+    }
     if (!call.noReply)
-        if (MessageHandle reply = MakeReply(request, rule.behaviour, parameter, call.takenUpMs))
+        if (MessageHandle reply = MakeReply(request, rule.behaviour, echoed, call.takenUpMs))
             SendReply(std::move(reply));
     if (rule.behaviour == Behaviour::DropName)
         m_names.DropFor(call.destination, Milliseconds(parameter));

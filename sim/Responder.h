@@ -3,6 +3,7 @@
 
 #include "BusNames.h"
 #include "Replies.h"
+#include "Sessions.h"
 
 #include <map>
 #include <utility>
@@ -12,8 +13,8 @@ namespace MavixSim {
 // Decides what happens to an accepted call, and does it. Owner: the server. One thread.
 class TCResponder final {
 public:
-    TCResponder(sd_event* event, TCTimers& timers, TCBusNames& names)
-        : m_event(event), m_timers(timers), m_names(names) {}
+    TCResponder(sd_event* event, TCTimers& timers, TCBusNames& names, TCSessions& sessions)
+        : m_event(event), m_timers(timers), m_names(names), m_sessions(sessions) {}
 
     // `call` borrows from `request`.
     void Respond(sd_bus_message* request, const Call& call);
@@ -23,7 +24,8 @@ public:
     // Every later answer waits this long.
     void SetDelay(std::uint32_t milliseconds) { m_delayMs = milliseconds; }
     // Later calls are treated as calls of the test interface with `parameter` as payload, or with their own
-    // when it is empty. An empty interface stands for all calls that have no rule of their own.
+    // when it is empty. An empty interface stands for all calls that have no rule of their own. Where the
+    // session interface would echo its call, it does what is asked and answers with that.
     void SetReply(const std::string& interface, std::int16_t code, Behaviour behaviour,
                   std::vector<std::uint8_t> parameter);
     void ClearReplies() { m_rules.clear(); }
@@ -43,6 +45,7 @@ private:
     sd_event* const m_event;
     TCTimers& m_timers;
     TCBusNames& m_names;
+    TCSessions& m_sessions;
     std::uint32_t m_delayMs = 0;
     std::map<Key, Rule> m_rules;
 };

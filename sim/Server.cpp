@@ -50,10 +50,11 @@ bool IsHousekeeping(sd_bus_message* message) {
 
 TCServer::TCServer(const Role& role, bool keepRecords)
     : m_role(role), m_keepRecords(keepRecords), m_event(MakeEventLoop()), m_bus(OpenBus(m_event.get())),
-      m_timers(m_event.get()), m_names(m_bus.get(), m_timers), m_pids(m_bus.get()),
+      m_timers(m_event.get()), m_names(m_bus.get(), m_timers), m_pids(m_bus.get()), m_sessions(m_bus.get()),
       m_recorder(role.processName), m_emitter(m_event.get(), m_bus.get()),
-      m_responder(m_event.get(), m_timers, m_names),
-      m_control({m_event.get(), m_bus.get(), m_names, m_responder, m_recorder, m_emitter, m_timers}) {
+      m_responder(m_event.get(), m_timers, m_names, m_sessions),
+      m_control(
+          {m_event.get(), m_bus.get(), m_names, m_responder, m_recorder, m_emitter, m_timers, m_sessions}) {
     sd_bus_slot* slot = nullptr;
     Check(sd_bus_add_filter(m_bus.get(), &slot, m_OnMessage, this), "add a filter");
     m_filter.reset(slot);
@@ -78,6 +79,8 @@ void TCServer::m_HandleCall(sd_bus_message* message) {
     try {
         DecodeCall(
             message, m_role, [this](const std::string& sender) { return m_pids.PidOf(sender); }, call);
+        if (call.interface == sessionInterface)
+            CheckSessionCall(call);
     } catch (const Refusal& refusal) {
         reason = refusal.what();
     }

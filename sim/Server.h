@@ -29,6 +29,7 @@ private:
     TCTimers m_timers;
     TCBusNames m_names;
     TCPidCache m_pids;
+    TCSessions m_sessions;
     TCCallRecorder m_recorder;
     TCBurstEmitter m_emitter;
     TCResponder m_responder;

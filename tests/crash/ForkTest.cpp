@@ -2,12 +2,14 @@
 #include "IPCConnection_C.h"
 #include "IPCUtility.h"
 #include "PrivateBus.h"
+#include "SessionControl_C.h"
 #include "SimProcess.h"
 #include "TestScale.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <functional>
@@ -54,6 +56,16 @@ bool EchoWorks() {
     return right;
 }
 
+bool SessionFunctionsFail() {
+    SessionControlDebugInfo info{24, "fork", 0};
+    char* text = nullptr;
+    int isTerminated = 7;
+    return SessionControl__Open() == -1 && SessionControl__Close() == -1 &&
+           SessionControl__OpenDebugTrace(1, &info) == -1 && SessionControl__CloseDebugTrace(1) == -1 &&
+           SessionControl__GetSessionsDebugInfo(&text) == -1 && text == nullptr &&
+           SessionControl__IsMavixTerminated(&isTerminated) == -1 && isTerminated == 7;
+}
+
 // Every entry point that needs the client fails, those that need none work, and none of it takes time.
 bool EverythingFailsAtOnce() {
     const auto start = std::chrono::steady_clock::now();
@@ -65,7 +77,7 @@ bool EverythingFailsAtOnce() {
         !IPCConnection__WaitForCreateInterface(interfaceName) &&
         !IPCConnection__AddMatchRule(IPC_MESSAGE_DATA, 1, 0, 0) &&
         !IPCConnection__RemoveMatchRule(IPC_MESSAGE_DATA, 1, 0, 0) &&
-        !IPCConnection__UseBoostingInheritance(1);
+        !IPCConnection__UseBoostingInheritance(1) && SessionFunctionsFail();
     IPCConnection__SetCallbackFunction(IPC_MESSAGE_DATA, [](int, const char*, int) {});
     IPCConnection__UnsetCallbackFunction(IPC_MESSAGE_DATA);
     IPCConnection__Destroy();
@@ -117,8 +129,64 @@ TEST(Fork, AfterUseEverythingInTheChildFailsAtOnceAndTheParentGoesOn) {
         const ChildResult result = RunChildProgram("ForkAfterUse", plainFlavour, {threads});
         ASSERT_EQ(0, result.exitCode) << "threads: " << threads << ", signal " << result.signal << '\n'
                                       << result.errors;
-        EXPECT_EQ(9U, result.CountLines(
-                          6, "[API_LITE] no client: this process was forked after the client was created"))
+        EXPECT_EQ(15U, result.CountLines(
+                           6, "[API_LITE] no client: this process was forked after the client was created"))
+            << result.errors;
+        EXPECT_EQ(std::string::npos, result.errors.find("Assertion failed")) << result.errors;
+    }
+}
+
+namespace {
+
+// Threads that hold the session's locks more often than not.
+void OpenAndCloseWithoutEnd() {
+    while (true) {
+        SessionControl__Open();
+        SessionControl__Close();
+    }
+}
+
+} // namespace
+
+// Argument: how many other threads open and close while the process forks.
+MAVIX_CHILD(ForkInASession) {
+    if (SessionControl__Open() != 0) {
+        return 1;
+    }
+    const int threads = std::stoi(arguments.at(0));
+    if (threads != 0 && SessionControl__Close() != 0) {
+        return 4;
+    }
+    for (int at = 0; at < threads; ++at) {
+        std::thread(OpenAndCloseWithoutEnd).detach();
+    }
+    for (int at = 0; at < 10; ++at) {
+        const pid_t child = fork();
+        if (child == 0) {
+            isForkedChild = true;
+            std::exit(EverythingFailsAtOnce() ? 0 : 2);
+        }
+        const int childStatus = ExitStatusOf(child);
+        if (childStatus != 0) {
+            return 100 + childStatus;
+        }
+    }
+    char* text = nullptr;
+    const bool works = SessionControl__GetSessionsDebugInfo(&text) == 0 && EchoWorks();
+    std::free(text);
+    return works && (threads != 0 || SessionControl__Close() == 0) ? 0 : 3;
+}
+
+TEST(Fork, InASessionTheChildFailsAtOnceWhoeverHeldTheLocksAndTheParentGoesOn) {
+    const TCPrivateBus bus;
+    const TCSimProcess service(bus);
+    for (unsigned int at = 0; at < Scaled(40); ++at) {
+        const std::string threads = std::to_string(at % 2 * 4);
+        const ChildResult result = RunChildProgram("ForkInASession", plainFlavour, {threads});
+        ASSERT_EQ(0, result.exitCode) << "threads: " << threads << ", signal " << result.signal << '\n'
+                                      << result.errors;
+        EXPECT_EQ(150U, result.CountLines(
+                            6, "[API_LITE] no client: this process was forked after the client was created"))
             << result.errors;
         EXPECT_EQ(std::string::npos, result.errors.find("Assertion failed")) << result.errors;
     }
@@ -128,9 +196,9 @@ MAVIX_CHILD(ForkBeforeUse) {
     const pid_t child = fork();
     if (child == 0) {
         isForkedChild = true;
-        std::exit(EchoWorks() ? 0 : 2);
+        std::exit(EchoWorks() && SessionControl__Open() == 0 && SessionControl__Close() == 0 ? 0 : 2);
     }
-    const bool works = EchoWorks();
+    const bool works = EchoWorks() && SessionControl__Open() == 0 && SessionControl__Close() == 0;
     return ExitStatusOf(child) == 0 && works ? 0 : 1;
 }
 

@@ -158,7 +158,7 @@ TEST_F(RequestAtService, EverythingElseGoesToTheDefaultBus) {
 }
 
 TEST_F(RequestAtService, SessionControlIsAnotherProcess) {
-    ASSERT_TRUE(Call(sessionBus, 3, {1}).success);
+    ASSERT_TRUE(Call(sessionBus, 5).success);
     const nlohmann::json record = OnlyRecord(m_bus.lite);
     EXPECT_EQ(sessionBus, record.at("destination"));
     EXPECT_EQ("mavix-lite", record.at("process"));
