@@ -1,5 +1,5 @@
-/* A tour of the connection API: one program calls the service, receives its events, is refused, and sees it
- * restart. Run it with the stand-in service:
+/* A tour of the library: one program opens a session with the service, calls it, receives its events, is
+ * refused, sees it restart, and closes the session. Run it with the stand-in service:
  *
  *     mavix-sandbox --sim-option=--respawn -- tour
  *
@@ -8,11 +8,13 @@
 #include "control.h"
 
 #include <mavix-api/IPCConnection_C.h>
+#include <mavix-api/SessionControl_C.h>
 
 #include <glib.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 /* Any interface answers with what it was sent, except the stand-in's own, whose function codes are
  * behaviours. */
@@ -76,14 +78,39 @@ static void create(void) {
     require(IPCConnection__Create(), "the client could not be created");
 }
 
+/* Prints what the service says about its sessions; ours has to be in that state. */
+static void show_sessions(const char* state) {
+    char* text = NULL;
+    char* expected = g_strdup_printf("process %d: session %s\n", (int)getpid(), state);
+    require(SessionControl__GetSessionsDebugInfo(&text) == 0, "the service says nothing about its sessions");
+    say("   The service says about its sessions:\n   %s", text);
+    require(strstr(text, expected) != NULL, "the service sees our session otherwise");
+    free(text);
+    g_free(expected);
+}
+
+static void open_session(void) {
+    say("2. We open a session twice, as two components would. The service sees one.\n");
+    require(SessionControl__Open() == 0 && SessionControl__Open() == 0, "the session could not be opened");
+    show_sessions("open");
+}
+
+static void close_session(void) {
+    say("8. We close the session twice. The service sees the last close.\n");
+    require(SessionControl__Close() == 0, "the first close failed");
+    show_sessions("open");
+    require(SessionControl__Close() == 0, "the session could not be closed");
+    show_sessions("closed");
+}
+
 static void call(void) {
-    say("2. We call the service and wait for its answer. It is process %d.\n", control_service_pid());
+    say("3. We call the service and wait for its answer. It is process %d.\n", control_service_pid());
     call_and_check("Is anybody there?");
 }
 
 static void call_without_waiting(void) {
     const char* const text = "Please tune to channel 7";
-    say("3. We call it again, but do not wait.\n");
+    say("4. We call it again, but do not wait.\n");
     require(IPCConnection__CallAsync(interface_name, FUNCTION_ANY, text, (int)strlen(text)),
             "the call was not accepted for sending");
     require(control_wait_for_async_call(text), "the call did not reach the service");
@@ -125,7 +152,7 @@ static gboolean time_is_up(gpointer flag) {
 
 static void receive_events(void) {
     bool too_late = false;
-    say("4. We ask for events of three types and set a callback for each.\n");
+    say("5. We ask for events of three types and set a callback for each.\n");
     for (int i = 0; i < EVENT_KINDS; ++i) {
         IPCConnection__SetCallbackFunction(events[i].type, events[i].callback);
         require(IPCConnection__AddMatchRule(events[i].type, events[i].id, HANDLE_HIGH, HANDLE_LOW),
@@ -152,7 +179,7 @@ static void receive_events(void) {
 static void be_refused(void) {
     void* reply = NULL;
     unsigned int length = 0;
-    say("5. We ask for something that the service refuses.\n");
+    say("6. We ask for something that the service refuses.\n");
     require(!IPCConnection__Call(behaviour_interface, FUNCTION_REFUSE, NULL, 0, &reply, &length),
             "the service did not refuse");
     require(reply == NULL && length == 0, "a refused call handed something out");
@@ -160,7 +187,7 @@ static void be_refused(void) {
 }
 
 static void outlive_the_service(void) {
-    say("6. The service restarts under our feet.\n");
+    say("7. The service restarts under our feet.\n");
     const int pid = control_restart_service();
     require(pid != 0, "the service did not come back");
     say("   It is process %d now. We call it as if nothing had happened.\n", pid);
@@ -169,11 +196,13 @@ static void outlive_the_service(void) {
 
 int main(void) {
     create();
+    open_session();
     call();
     call_without_waiting();
     receive_events();
     be_refused();
     outlive_the_service();
+    close_session();
     say("That was the tour: every step held.\n");
     return EXIT_SUCCESS;
 }

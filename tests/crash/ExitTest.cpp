@@ -2,6 +2,7 @@
 #include "ChildProgram.h"
 #include "IPCConnection_C.h"
 #include "PrivateBus.h"
+#include "SessionControl_C.h"
 #include "SimDriver.h"
 #include "SimProcess.h"
 #include "TestScale.h"
@@ -31,7 +32,8 @@ constexpr short echo = 0;
 constexpr short delay = 1;
 constexpr short never = 6;
 
-enum class Caller { None, Synchronous, Asynchronous, NeverAnswered };
+enum class Caller { None, Synchronous, Asynchronous, NeverAnswered, Session };
+constexpr unsigned int callerCount = 5;
 
 long long MillisecondsNow() {
     return std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
@@ -44,6 +46,9 @@ void CallWithoutEnd(Caller caller) {
         unsigned int length = 0;
         if (caller == Caller::Asynchronous) {
             IPCConnection__CallAsync(interfaceName, echo, "async", 5);
+        } else if (caller == Caller::Session) {
+            SessionControl__Open();
+            SessionControl__Close();
         } else {
             IPCConnection__Call(interfaceName, caller == Caller::NeverAnswered ? never : echo, "sync", 4,
                                 &output, &length);
@@ -87,8 +92,8 @@ TEST(Exit, AtAnyMomentNeitherCrashesNorTakesMoreThanASecond) {
         for (unsigned int at = next++; at < count; at = next++) {
             // Short delays are the interesting ones: the client is still connecting.
             const long longest = at % 3 == 0 ? 2000 : 30000;
-            const std::string caller = std::to_string(at % 4);
-            const std::string from = (at / 4) % 2 == 0 ? "main" : "thread";
+            const std::string caller = std::to_string(at % callerCount);
+            const std::string from = (at / callerCount) % 2 == 0 ? "main" : "thread";
             const std::string wait = std::to_string(std::uniform_int_distribution<long>(0, longest)(random));
             const ChildResult result = RunChildProgram("ExitAtAMoment", plainFlavour, {caller, from, wait},
                                                        std::chrono::seconds(30));
