@@ -205,6 +205,12 @@ void TCGdbusConnection::t_CleanupConnection() {
     m_connected = false;
 }
 
+void TCGdbusConnection::Flush() {
+    if (m_connected) {
+        FlushBeforeExit(m_connection.get());
+    }
+}
+
 // Body of the connecting thread. Its id counts only while it runs: ids are reused.
 void TCGdbusConnection::m_RunConnect(const std::string& name, TIIpcConnectionOwner* owner) {
     m_connectingThreadId.store(pthread_self());

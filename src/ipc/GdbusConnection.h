@@ -43,6 +43,10 @@ public:
     bool BusHasOwner(const std::string& name, int timeoutMs, bool& hasOwner) override;
     TIIpcMessageAllocator* GetMessageAllocatorInstance() override;
 
+    // Waits, for at most 1 s, until everything accepted for sending has left; for a connection that the exit
+    // of the process leaves open. Nothing before it is connected.
+    void Flush();
+
     std::unique_ptr<TIIpcMessage> NewMessage(void* raw) override;
     void DeleteRawMessage(void* raw) override;
     void (*GetRawMessageDeleter())(void*) override;

@@ -44,9 +44,7 @@ void CutOff(GDBusConnection* connection) {
     }
 }
 
-} // namespace
-
-void FlushBeforeClose(GDBusConnection* connection) {
+void Flush(GDBusConnection* connection, bool cutOff) {
     if (g_dbus_connection_is_closed(connection) != FALSE) {
         return;
     }
@@ -55,7 +53,7 @@ void FlushBeforeClose(GDBusConnection* connection) {
     g_main_context_push_thread_default(context.get());
     g_dbus_connection_flush(connection, nullptr, OnFlushed, state.get());
     Await(context.get(), *state);
-    if (!state->done) {
+    if (!state->done && cutOff) {
         CutOff(connection);
         Await(context.get(), *state);
     }
@@ -63,6 +61,16 @@ void FlushBeforeClose(GDBusConnection* connection) {
     if (!state->done) {
         static_cast<void>(state.release());
     }
+}
+
+} // namespace
+
+void FlushBeforeClose(GDBusConnection* connection) {
+    Flush(connection, true);
+}
+
+void FlushBeforeExit(GDBusConnection* connection) {
+    Flush(connection, false);
 }
 
 } // namespace MavixApiLite

@@ -9,6 +9,9 @@ namespace MavixApiLite {
 // then cut off, so that closing the connection cannot wait for it either.
 void FlushBeforeClose(GDBusConnection* connection);
 
+// The same wait, after which the connection stays as it is.
+void FlushBeforeExit(GDBusConnection* connection);
+
 } // namespace MavixApiLite
 
 #endif

@@ -17,6 +17,7 @@ namespace {
 
 struct TCRegistry {
     std::shared_ptr<TCIpcClient> instance;
+    TCGdbusConnection* connection = nullptr; // of `instance`
     std::mutex instanceMutex;
     std::atomic<bool> instanceInitialized{false};
     std::atomic<bool> handlersRegistered{false};
@@ -72,14 +73,19 @@ void OnExit() {
     }
     if (registry.instance.use_count() == 1) {
         registry.instance.reset();
+    } else if (registry.instance) {
+        // Nobody will close the connection; what was accepted for sending leaves all the same.
+        registry.connection->Flush();
     }
 }
 
-std::shared_ptr<TCIpcClient> CreateClient() {
+void CreateClient(TCRegistry& registry) {
     auto configuration = std::make_unique<IpcConfigurationMavix>("com.norvale.Mavix.SignalIFace",
                                                                  "/com/norvale/Mavix/SignalObject");
-    return std::make_shared<TCIpcClient>(std::move(configuration), g_main_context_default(),
-                                         std::make_unique<TCGdbusConnection>());
+    auto connection = std::make_unique<TCGdbusConnection>();
+    registry.connection = connection.get();
+    registry.instance = std::make_shared<TCIpcClient>(std::move(configuration), g_main_context_default(),
+                                                      std::move(connection));
 }
 
 // Takes no lock, which a fork meanwhile would leave taken in the child. Registering twice does no harm.
@@ -106,7 +112,7 @@ std::shared_ptr<TCIpcClient> CopyOrCreate(TCRegistry& registry) {
         return nullptr;
     }
     if (!registry.instanceInitialized) {
-        registry.instance = CreateClient();
+        CreateClient(registry);
         registry.instanceInitialized.exchange(true);
     }
     return registry.instance;

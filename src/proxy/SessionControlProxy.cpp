@@ -1,6 +1,7 @@
 #include "SessionControlProxy.h"
 
 #include "Guard.h"
+#include "Handles.h"
 #include "IpcClientInstance.h"
 #include "IpcConfigurationMavix.h"
 #include "Log.h"
@@ -16,6 +17,7 @@
 #include <type_traits>
 #include <utility>
 
+using MavixApiLite::Handle;
 using MavixApiLite::TCIpcClientInstance;
 using MavixApiLite::TCMessageBuffer;
 using MavixApiLite::TIIpcClient;
@@ -60,13 +62,9 @@ int ResultOf(TCMessageBuffer& reply) {
     return result;
 }
 
-struct Free {
-    void operator()(void* memory) const noexcept { std::free(memory); }
-};
-
 } // namespace
 
-// The exit of the process destroys neither, because callers may still come.
+// The exit of the process destroys neither this lock nor the proxy, because callers may still come.
 static_assert(std::is_trivially_destructible_v<std::shared_mutex>);
 std::shared_mutex SessionControlProxy::m_instanceLock;
 SessionControlProxy* SessionControlProxy::m_pSessionControlProxy = nullptr;
@@ -244,7 +242,7 @@ int SessionControlProxy::GetSessionsDebugInfo(char** text) {
         return failure;
     }
     const std::size_t size = static_cast<std::size_t>(length);
-    std::unique_ptr<char, Free> copy(static_cast<char*>(std::calloc(size + 1, 1)));
+    Handle<char, std::free> copy(static_cast<char*>(std::calloc(size + 1, 1)));
     if (!copy) {
         MAVIX_LOGE("[API_LITE] no memory for a text of %d bytes", length);
         return failure;
@@ -279,7 +277,7 @@ int SessionControlProxy::IsMavixTerminated(int* isTerminated) {
 std::string SessionControlProxy::m_getStackTrace() {
     std::array<void*, mostFrames> frames;
     const int count = backtrace(frames.data(), mostFrames);
-    const std::unique_ptr<char*, Free> symbols(backtrace_symbols(frames.data(), count));
+    const Handle<char*, std::free> symbols(backtrace_symbols(frames.data(), count));
     if (!symbols) {
         return "Error getting stack trace";
     }

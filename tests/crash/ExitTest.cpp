@@ -171,8 +171,11 @@ TEST(Exit, WhileAnEventCallbackCallsTheServiceKeepsItsStatus) {
     EXPECT_EQ(exitStatus, result.exitCode) << result.errors;
 }
 
-// Calls that were accepted leave before the process does.
+// Calls that were accepted leave before the process does. Argument: whether a session keeps the client.
 MAVIX_CHILD(ExitRightAfterAsynchronousCalls) {
+    if (arguments.at(0) == "session" && SessionControl__Open() != 0) {
+        return 2;
+    }
     for (int at = 0; at < 100; ++at) {
         if (!IPCConnection__CallAsync(interfaceName, echo, &at, sizeof at)) {
             return 1;
@@ -185,9 +188,13 @@ TEST(Exit, SendsWhatWasAccepted) {
     const TCPrivateBus bus;
     const TCSimProcess service(bus);
     TCSimDriver driver(bus);
-    const ChildResult result = RunChildProgram("ExitRightAfterAsynchronousCalls");
-    EXPECT_EQ(exitStatus, result.exitCode) << result.errors;
-    EXPECT_EQ(100U, driver.WaitForRecords(100).size());
+    for (const char* keeper : {"nobody", "session"}) {
+        SCOPED_TRACE(keeper);
+        driver.ClearRecords();
+        const ChildResult result = RunChildProgram("ExitRightAfterAsynchronousCalls", plainFlavour, {keeper});
+        EXPECT_EQ(exitStatus, result.exitCode) << result.errors;
+        EXPECT_EQ(100U, driver.WaitForRecords(100).size());
+    }
 }
 
 namespace {
