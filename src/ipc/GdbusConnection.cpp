@@ -1,5 +1,6 @@
 #include "GdbusConnection.h"
 
+#include "ConnectingThread.h"
 #include "GdbusError.h"
 #include "GdbusFlush.h"
 #include "GdbusMessage.h"
@@ -211,16 +212,15 @@ void TCGdbusConnection::Flush() {
     }
 }
 
-// Body of the connecting thread. Its id counts only while it runs: ids are reused.
+// Body of the connecting thread.
 void TCGdbusConnection::m_RunConnect(const std::string& name, TIIpcConnectionOwner* owner) {
-    m_connectingThreadId.store(pthread_self());
+    const TCConnectingThreadId connectingThreadId(m_connectingThreadId);
     const bool connected = GuardedCall(MAVIX_LOG_SOURCE_NAME, "m_Connect", __LINE__, false,
                                        [this, &name, owner] { return m_Connect(name, owner); });
     if (!connected) {
         m_connection.reset();
         t_ConnectErrorHandler();
     }
-    m_connectingThreadId.store(pthread_t{});
 }
 
 bool TCGdbusConnection::m_Connect(const std::string& name, TIIpcConnectionOwner* owner) {
@@ -289,32 +289,11 @@ bool TCGdbusConnection::m_StartDispatching(const std::string& name, TIIpcConnect
 }
 
 GDBusConnection* TCGdbusConnection::m_GetConnection() {
-    if (m_connected) {
-        return m_connection.get();
-    }
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_connected) {
-        if (!m_connectingThread.joinable()) {
-            MAVIX_LOGE("[API_LITE] called without prior Connect");
-            return nullptr;
-        }
-        MAVIX_LOGI("[API_LITE][START] Wait for DBUS connection");
-        m_connectingThread.join();
-        MAVIX_LOGI("[API_LITE][END] Wait for DBUS connection %p", static_cast<void*>(m_connection.get()));
-    }
-    return m_connection.get();
+    return AwaitConnection(m_mutex, m_connectingThread, m_connected, m_connection, MAVIX_LOG_SOURCE_NAME);
 }
 
-// The connecting thread is recognised without the mutex, which others hold while they join it.
 bool TCGdbusConnection::m_ApiCallable() {
-    if (m_connected) {
-        return true;
-    }
-    if (pthread_equal(m_connectingThreadId.load(), pthread_self()) != 0) {
-        MAVIX_LOGD("Called from initializer. Do not block here");
-        return true;
-    }
-    return WaitConnected();
+    return m_connected || IsConnectingThread(m_connectingThreadId, MAVIX_LOG_SOURCE_NAME) || WaitConnected();
 }
 
 bool TCGdbusConnection::m_InitializeBusRequest(TIIpcMessage& request, const char* member,
