@@ -106,4 +106,11 @@ std::string TCIPCUtility::GenerateSubConnectionName(const std::string& uniqueNam
     return buffer.data();
 }
 
+bool TCIPCUtility::m_CheckArgumentType(DBusMessageIter& iterator, int expectedType, bool advance) {
+    if (advance && dbus_message_iter_next(&iterator) == FALSE) {
+        return false;
+    }
+    return dbus_message_iter_get_arg_type(&iterator) == expectedType;
+}
+
 } // namespace MavixApiLite

@@ -5,12 +5,15 @@
 
 #include <string>
 
+struct DBusMessageIter;
+
 // The name under which the process was invoked.
 MAVIX_API_EXPORT std::string get_current_process_name();
 
 namespace MavixApiLite {
 
-// Names of processes and connections. All functions may be called from any thread.
+// Names of processes and connections, and a look at a message of libdbus. All functions may be called from
+// any thread.
 class MAVIX_API_EXPORT TCIPCUtility {
 public:
     // First element of a process's command line, usually its path; empty, with an error line, when the
@@ -21,6 +24,9 @@ public:
     // The bus name that a client with this unique connection name owns, at most 255 characters:
     // ":1.234" becomes "com.norvale.Mavix.Signal.mavix1.mavix234".
     static std::string GenerateSubConnectionName(const std::string& uniqueName);
+    // Whether the argument under the iterator has the D-Bus type code `expectedType`; with `advance` it is
+    // the next one, which need not exist.
+    static bool m_CheckArgumentType(DBusMessageIter& iterator, int expectedType, bool advance);
 };
 
 } // namespace MavixApiLite

@@ -1,6 +1,7 @@
 #ifndef MAVIX_HANDLES_H
 #define MAVIX_HANDLES_H
 
+#include <dbus/dbus.h>
 #include <gio/gio.h>
 
 #include <memory>
@@ -32,6 +33,15 @@ using AsyncQueueHandle = Handle<GAsyncQueue, g_async_queue_unref>;
 using VariantHandle = Handle<GVariant, g_variant_unref>;
 using ErrorHandle = Handle<GError, g_error_free>;
 using TextHandle = Handle<char, g_free>;
+using DbusMessageHandle = Handle<DBusMessage, dbus_message_unref>;
+using PendingCallHandle = Handle<DBusPendingCall, dbus_pending_call_unref>;
+
+// A private connection of libdbus must be closed before its last reference is dropped.
+inline void CloseDbusConnection(DBusConnection* connection) {
+    dbus_connection_close(connection);
+    dbus_connection_unref(connection);
+}
+using DbusConnectionHandle = Handle<DBusConnection, CloseDbusConnection>;
 
 static_assert(sizeof(MainContextHandle) == sizeof(GMainContext*), "a handle costs no more than a pointer");
 

@@ -1,0 +1,201 @@
+#include "DbusDispatchSource.h"
+
+#include <dbus/dbus-glib-lowlevel.h>
+
+#include <algorithm>
+#include <climits>
+
+namespace MavixApiLite {
+
+namespace {
+
+// Shorter than libdbus's default time limit of a call, so that ordinary calls need not wake the poll.
+constexpr gint longestPollMs = 20000;
+constexpr gint64 defaultTimeoutMs = 25000;
+constexpr gint64 microsecondsPerMs = 1000;
+
+dbus_int32_t SourceSlot() {
+    static const dbus_int32_t slot = [] {
+        dbus_int32_t allocated = -1;
+        dbus_connection_allocate_data_slot(&allocated);
+        return allocated;
+    }();
+    return slot;
+}
+
+void UnrefSource(void* source) {
+    g_source_unref(static_cast<GSource*>(source));
+}
+
+// A main context is iterated by the thread that has acquired it.
+class TCAcquired final {
+public:
+    explicit TCAcquired(GMainContext* context) : m_context(context) { g_main_context_acquire(context); }
+    ~TCAcquired() { g_main_context_release(m_context); }
+    TCAcquired(const TCAcquired&) = delete;
+    TCAcquired& operator=(const TCAcquired&) = delete;
+
+private:
+    GMainContext* const m_context;
+};
+
+} // namespace
+
+struct TCDbusDispatchSource::Record {
+    GSource source;
+    TCDbusDispatchSource* self;
+};
+
+bool TCDbusDispatchSource::Attach(DBusConnection* connection, GMainContext* context) {
+    static GSourceFuncs functions = {m_Prepare, m_Check, m_Dispatch, m_Finalize, nullptr, nullptr};
+    SourceHandle source(g_source_new(&functions, sizeof(Record)));
+    g_source_set_static_name(source.get(), "mavix-libdbus");
+    auto* self = new TCDbusDispatchSource(source.get());
+    reinterpret_cast<Record*>(source.get())->self = self;
+    dbus_connection_setup_with_g_main(connection, self->m_inner.get());
+    if (dbus_connection_set_data(connection, SourceSlot(), source.get(), UnrefSource) == FALSE) {
+        return false;
+    }
+    g_source_attach(source.release(), context);
+    return true;
+}
+
+void TCDbusDispatchSource::Detach(DBusConnection* connection) {
+    TCDbusDispatchSource* self = m_Of(connection);
+    if (self == nullptr) {
+        return;
+    }
+    {
+        std::unique_lock<std::mutex> lock(self->m_lock);
+        self->m_detached = true;
+        self->m_dispatched.wait(lock, [self] {
+            return self->m_dispatchingThread == std::thread::id() ||
+                   self->m_dispatchingThread == std::this_thread::get_id();
+        });
+    }
+    g_source_destroy(self->m_source);
+}
+
+TCDbusDispatchSource::TCDbusDispatchSource(GSource* source)
+    : m_source(source), m_inner(g_main_context_new()) {}
+
+TCDbusDispatchSource* TCDbusDispatchSource::m_Of(DBusConnection* connection) {
+    auto* source = static_cast<GSource*>(dbus_connection_get_data(connection, SourceSlot()));
+    return source != nullptr ? &m_Self(source) : nullptr;
+}
+
+TCDbusDispatchSource& TCDbusDispatchSource::m_Self(GSource* source) {
+    return *reinterpret_cast<Record*>(source)->self;
+}
+
+gboolean TCDbusDispatchSource::m_Prepare(GSource* source, gint* timeout) noexcept {
+    TCDbusDispatchSource& self = m_Self(source);
+    const std::lock_guard<std::mutex> lock(self.m_lock);
+    *timeout = self.m_detached ? -1 : self.m_PrepareInner();
+    // Whether the inner context is ready is known when it has been checked.
+    return FALSE;
+}
+
+gint TCDbusDispatchSource::m_PrepareInner() {
+    const TCAcquired acquired(m_inner.get());
+    g_main_context_prepare(m_inner.get(), &m_priority);
+    gint timeout = -1;
+    for (std::size_t needed = m_polled.size();;) {
+        m_polled.resize(needed);
+        needed = static_cast<std::size_t>(g_main_context_query(
+            m_inner.get(), m_priority, &timeout, m_polled.data(), static_cast<gint>(m_polled.size())));
+        if (needed <= m_polled.size()) {
+            m_polled.resize(needed);
+            break;
+        }
+    }
+    m_WatchWhatInnerPolls();
+    timeout = timeout < 0 ? longestPollMs : std::min(timeout, longestPollMs);
+    m_pollEnd = g_get_monotonic_time() + timeout * microsecondsPerMs;
+    return timeout;
+}
+
+void TCDbusDispatchSource::m_WatchWhatInnerPolls() {
+    const auto isWatched = [](const Watched& watched, const GPollFD& polled) {
+        return watched.fd == polled.fd && watched.events == polled.events;
+    };
+    if (std::equal(m_watched.begin(), m_watched.end(), m_polled.begin(), m_polled.end(), isWatched)) {
+        return;
+    }
+    for (const Watched& watched : m_watched) {
+        g_source_remove_unix_fd(m_source, watched.tag);
+    }
+    m_watched.clear();
+    for (const GPollFD& polled : m_polled) {
+        const auto condition = static_cast<GIOCondition>(polled.events);
+        m_watched.push_back({polled.fd, polled.events, g_source_add_unix_fd(m_source, polled.fd, condition)});
+    }
+}
+
+gboolean TCDbusDispatchSource::m_Check(GSource* source) noexcept {
+    TCDbusDispatchSource& self = m_Self(source);
+    const std::lock_guard<std::mutex> lock(self.m_lock);
+    if (self.m_detached) {
+        return FALSE;
+    }
+    for (std::size_t at = 0; at < self.m_polled.size(); ++at) {
+        self.m_polled[at].revents =
+            static_cast<gushort>(g_source_query_unix_fd(source, self.m_watched[at].tag));
+    }
+    const TCAcquired acquired(self.m_inner.get());
+    return g_main_context_check(self.m_inner.get(), self.m_priority, self.m_polled.data(),
+                                static_cast<gint>(self.m_polled.size()));
+}
+
+gboolean TCDbusDispatchSource::m_Dispatch(GSource* source, GSourceFunc /*callback*/,
+                                          gpointer /*data*/) noexcept {
+    TCDbusDispatchSource& self = m_Self(source);
+    const std::lock_guard<std::mutex> lock(self.m_lock);
+    if (self.m_detached) {
+        return G_SOURCE_REMOVE;
+    }
+    self.m_dispatchingThread = std::this_thread::get_id();
+    {
+        const TCAcquired acquired(self.m_inner.get());
+        g_main_context_dispatch(self.m_inner.get());
+    }
+    self.m_dispatchingThread = std::thread::id();
+    self.m_dispatched.notify_all();
+    return G_SOURCE_CONTINUE;
+}
+
+void TCDbusDispatchSource::m_Finalize(GSource* source) noexcept {
+    delete &m_Self(source);
+}
+
+TCDbusSendLock::TCDbusSendLock(DBusConnection* connection)
+    : m_dispatchSource(TCDbusDispatchSource::m_Of(connection)) {
+    if (m_dispatchSource != nullptr) {
+        m_lock = std::unique_lock<std::mutex>(m_dispatchSource->m_lock);
+    }
+}
+
+void TCDbusSendLock::ExpectTimeout(int timeoutMs) const {
+    if (m_dispatchSource == nullptr || timeoutMs == INT_MAX) {
+        return;
+    }
+    const gint64 limitMs = timeoutMs < 0 ? defaultTimeoutMs : timeoutMs;
+    if (g_get_monotonic_time() + limitMs * microsecondsPerMs < m_dispatchSource->m_pollEnd) {
+        g_main_context_wakeup(m_dispatchSource->m_inner.get());
+    }
+}
+
+TCDbusDispatchUnlock::TCDbusDispatchUnlock(DBusConnection* connection)
+    : m_dispatchSource(TCDbusDispatchSource::m_Of(connection)) {
+    if (m_dispatchSource != nullptr) {
+        m_dispatchSource->m_lock.unlock();
+    }
+}
+
+TCDbusDispatchUnlock::~TCDbusDispatchUnlock() {
+    if (m_dispatchSource != nullptr) {
+        m_dispatchSource->m_lock.lock();
+    }
+}
+
+} // namespace MavixApiLite

@@ -1,0 +1,100 @@
+#ifndef MAVIX_DBUS_DISPATCH_SOURCE_H
+#define MAVIX_DBUS_DISPATCH_SOURCE_H
+
+#include "Handles.h"
+
+#include <dbus/dbus.h>
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace MavixApiLite {
+
+// Dispatches a libdbus connection on a main context. libdbus changes its watches and timeouts on the thread
+// that sends, and dbus-glib, which turns them into sources of a main context, uses them on the thread that
+// dispatches without a lock. So dbus-glib gets an inner main context of its own, which only this source
+// iterates, on the dispatch context and under one lock. The lock is free while the dispatch context polls
+// and while a message is in the hands of the connection's owner; senders hold it during calls into libdbus.
+// Nothing under it calls back into the library, except to signal a semaphore.
+//
+// Belongs to the connection, in a data slot of which it is kept, and to the dispatch context.
+class TCDbusDispatchSource final {
+public:
+    // Dispatches on `context`, or on the default context. False when memory has run out.
+    static bool Attach(DBusConnection* connection, GMainContext* context);
+    // Waits for the message in work, unless called by its filter; from then on nothing is dispatched.
+    static void Detach(DBusConnection* connection);
+
+    TCDbusDispatchSource(const TCDbusDispatchSource&) = delete;
+    TCDbusDispatchSource& operator=(const TCDbusDispatchSource&) = delete;
+
+private:
+    friend class TCDbusSendLock;
+    friend class TCDbusDispatchUnlock;
+
+    struct Record; // the GSource
+    struct Watched {
+        int fd;
+        gushort events;
+        gpointer tag;
+    };
+
+    explicit TCDbusDispatchSource(GSource* source);
+    ~TCDbusDispatchSource() = default;
+
+    static TCDbusDispatchSource* m_Of(DBusConnection* connection);
+    static TCDbusDispatchSource& m_Self(GSource* source);
+    static gboolean m_Prepare(GSource* source, gint* timeout) noexcept;
+    static gboolean m_Check(GSource* source) noexcept;
+    static gboolean m_Dispatch(GSource* source, GSourceFunc callback, gpointer data) noexcept;
+    static void m_Finalize(GSource* source) noexcept;
+
+    gint m_PrepareInner();
+    void m_WatchWhatInnerPolls();
+
+    GSource* const m_source; // owns this object
+    const MainContextHandle m_inner;
+    std::mutex m_lock; // guards what follows, the inner context and dbus-glib's records of the connection
+    std::condition_variable m_dispatched;
+    std::thread::id m_dispatchingThread;
+    bool m_detached = false;
+    gint m_priority = 0;
+    gint64 m_pollEnd = 0; // when the dispatch context looks at the timeouts again, at the latest
+    std::vector<GPollFD> m_polled;
+    std::vector<Watched> m_watched;
+};
+
+// Held around calls into libdbus that send, or that change what a connection watches. Does nothing for a
+// connection without dispatch source.
+class TCDbusSendLock final {
+public:
+    explicit TCDbusSendLock(DBusConnection* connection);
+    TCDbusSendLock(const TCDbusSendLock&) = delete;
+    TCDbusSendLock& operator=(const TCDbusSendLock&) = delete;
+
+    // Makes sure that the dispatch context looks at a new timeout in time; -1 is libdbus's default.
+    void ExpectTimeout(int timeoutMs) const;
+
+private:
+    TCDbusDispatchSource* const m_dispatchSource;
+    std::unique_lock<std::mutex> m_lock;
+};
+
+// Held in a filter while it runs code of others: the lock of the connection's dispatch source is free.
+class TCDbusDispatchUnlock final {
+public:
+    explicit TCDbusDispatchUnlock(DBusConnection* connection);
+    ~TCDbusDispatchUnlock();
+    TCDbusDispatchUnlock(const TCDbusDispatchUnlock&) = delete;
+    TCDbusDispatchUnlock& operator=(const TCDbusDispatchUnlock&) = delete;
+
+private:
+    TCDbusDispatchSource* const m_dispatchSource;
+};
+
+} // namespace MavixApiLite
+
+#endif
