@@ -35,10 +35,6 @@ bool IsMatchRule(const char* rule, const char* function) {
     return true;
 }
 
-void UnrefMessage(void* raw) {
-    const DbusMessageHandle message(static_cast<DBusMessage*>(raw));
-}
-
 } // namespace
 
 TCDbusConnection::TCDbusConnection(int maxAttempts, bool useDefaultContext)
@@ -195,11 +191,11 @@ std::unique_ptr<TIIpcMessage> TCDbusConnection::NewMessage(void* raw) {
 }
 
 void TCDbusConnection::DeleteRawMessage(void* raw) {
-    UnrefMessage(raw);
+    const DbusMessageHandle message(static_cast<DBusMessage*>(raw));
 }
 
 void (*TCDbusConnection::GetRawMessageDeleter())(void*) {
-    return UnrefMessage;
+    return reinterpret_cast<void (*)(void*)>(dbus_message_unref);
 }
 
 void TCDbusConnection::t_CleanupConnection() {

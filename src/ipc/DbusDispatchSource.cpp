@@ -1,5 +1,7 @@
 #include "DbusDispatchSource.h"
 
+#include "SignalSemaphore.h"
+
 #include <dbus/dbus-glib-lowlevel.h>
 
 #include <algorithm>
@@ -53,7 +55,8 @@ bool TCDbusDispatchSource::Attach(DBusConnection* connection, GMainContext* cont
     auto* self = new TCDbusDispatchSource(source.get());
     reinterpret_cast<Record*>(source.get())->self = self;
     dbus_connection_setup_with_g_main(connection, self->m_inner.get());
-    if (dbus_connection_set_data(connection, SourceSlot(), source.get(), UnrefSource) == FALSE) {
+    if (dbus_connection_add_filter(connection, m_TakeLostReply, self, nullptr) == FALSE ||
+        dbus_connection_set_data(connection, SourceSlot(), source.get(), UnrefSource) == FALSE) {
         return false;
     }
     g_source_attach(source.release(), context);
@@ -168,6 +171,20 @@ void TCDbusDispatchSource::m_Finalize(GSource* source) noexcept {
     delete &m_Self(source);
 }
 
+DBusHandlerResult TCDbusDispatchSource::m_TakeLostReply(DBusConnection* /*connection*/, DBusMessage* message,
+                                                        void* data) {
+    auto* self = static_cast<TCDbusDispatchSource*>(data);
+    const auto waiting = dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_ERROR
+                             ? self->m_waitingCalls.find(dbus_message_get_reply_serial(message))
+                             : self->m_waitingCalls.end();
+    if (waiting == self->m_waitingCalls.end()) {
+        return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+    }
+    waiting->second->m_lostReply.reset(dbus_message_ref(message));
+    waiting->second->m_semaphore.Signal();
+    return DBUS_HANDLER_RESULT_HANDLED;
+}
+
 TCDbusSendLock::TCDbusSendLock(DBusConnection* connection)
     : m_dispatchSource(TCDbusDispatchSource::m_Of(connection)) {
     if (m_dispatchSource != nullptr) {
@@ -175,14 +192,34 @@ TCDbusSendLock::TCDbusSendLock(DBusConnection* connection)
     }
 }
 
-void TCDbusSendLock::ExpectTimeout(int timeoutMs) const {
-    if (m_dispatchSource == nullptr || timeoutMs == INT_MAX) {
+TCDbusWaitingCall::TCDbusWaitingCall(DBusConnection* connection, SignalSemaphore& semaphore)
+    : m_dispatchSource(TCDbusDispatchSource::m_Of(connection)), m_semaphore(semaphore) {}
+
+TCDbusWaitingCall::~TCDbusWaitingCall() {
+    const DbusMessageHandle unused(TakeLostReply());
+}
+
+void TCDbusWaitingCall::Begin(dbus_uint32_t number, int timeoutMs) {
+    if (m_dispatchSource == nullptr) {
         return;
     }
+    m_number = number;
+    m_dispatchSource->m_waitingCalls[number] = this;
     const gint64 limitMs = timeoutMs < 0 ? defaultTimeoutMs : timeoutMs;
-    if (g_get_monotonic_time() + limitMs * microsecondsPerMs < m_dispatchSource->m_pollEnd) {
+    if (timeoutMs != INT_MAX &&
+        g_get_monotonic_time() + limitMs * microsecondsPerMs < m_dispatchSource->m_pollEnd) {
         g_main_context_wakeup(m_dispatchSource->m_inner.get());
     }
+}
+
+DBusMessage* TCDbusWaitingCall::TakeLostReply() {
+    if (m_number == 0) {
+        return nullptr;
+    }
+    const std::lock_guard<std::mutex> lock(m_dispatchSource->m_lock);
+    m_dispatchSource->m_waitingCalls.erase(m_number);
+    m_number = 0;
+    return m_lostReply.release();
 }
 
 TCDbusDispatchUnlock::TCDbusDispatchUnlock(DBusConnection* connection)

@@ -6,12 +6,15 @@
 #include <dbus/dbus.h>
 
 #include <condition_variable>
-#include <memory>
+#include <map>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 namespace MavixApiLite {
+
+struct SignalSemaphore;
+class TCDbusWaitingCall;
 
 // Dispatches a libdbus connection on a main context. libdbus changes its watches and timeouts on the thread
 // that sends, and dbus-glib, which turns them into sources of a main context, uses them on the thread that
@@ -19,6 +22,9 @@ namespace MavixApiLite {
 // iterates, on the dispatch context and under one lock. The lock is free while the dispatch context polls
 // and while a message is in the hands of the connection's owner; senders hold it during calls into libdbus.
 // Nothing under it calls back into the library, except to signal a semaphore.
+//
+// When the bus is lost, libdbus makes an error reply for each pending call and forgets the call, so that the
+// reply comes to the filters and nobody is notified. A filter of this source gives it to the call that waits.
 //
 // Belongs to the connection, in a data slot of which it is kept, and to the dispatch context.
 class TCDbusDispatchSource final {
@@ -34,6 +40,7 @@ public:
 private:
     friend class TCDbusSendLock;
     friend class TCDbusDispatchUnlock;
+    friend class TCDbusWaitingCall;
 
     struct Record; // the GSource
     struct Watched {
@@ -52,6 +59,8 @@ private:
     static gboolean m_Dispatch(GSource* source, GSourceFunc callback, gpointer data) noexcept;
     static void m_Finalize(GSource* source) noexcept;
 
+    static DBusHandlerResult m_TakeLostReply(DBusConnection* connection, DBusMessage* message, void* data);
+
     gint m_PrepareInner();
     void m_WatchWhatInnerPolls();
 
@@ -65,6 +74,7 @@ private:
     gint64 m_pollEnd = 0; // when the dispatch context looks at the timeouts again, at the latest
     std::vector<GPollFD> m_polled;
     std::vector<Watched> m_watched;
+    std::map<dbus_uint32_t, TCDbusWaitingCall*> m_waitingCalls; // by number
 };
 
 // Held around calls into libdbus that send, or that change what a connection watches. Does nothing for a
@@ -75,12 +85,32 @@ public:
     TCDbusSendLock(const TCDbusSendLock&) = delete;
     TCDbusSendLock& operator=(const TCDbusSendLock&) = delete;
 
-    // Makes sure that the dispatch context looks at a new timeout in time; -1 is libdbus's default.
-    void ExpectTimeout(int timeoutMs) const;
-
 private:
     TCDbusDispatchSource* const m_dispatchSource;
     std::unique_lock<std::mutex> m_lock;
+};
+
+// A synchronous call, from before it is sent until its reply is there. Lives on the calling thread's stack.
+class TCDbusWaitingCall final {
+public:
+    TCDbusWaitingCall(DBusConnection* connection, SignalSemaphore& semaphore);
+    ~TCDbusWaitingCall();
+    TCDbusWaitingCall(const TCDbusWaitingCall&) = delete;
+    TCDbusWaitingCall& operator=(const TCDbusWaitingCall&) = delete;
+
+    // To be called right after sending, under the same lock. Makes sure that the dispatch context looks at
+    // the call's time limit in time; -1 is libdbus's default.
+    void Begin(dbus_uint32_t number, int timeoutMs);
+    // The reply that came because the bus was lost, with one reference for the caller; null otherwise.
+    DBusMessage* TakeLostReply();
+
+private:
+    friend class TCDbusDispatchSource;
+
+    TCDbusDispatchSource* const m_dispatchSource;
+    SignalSemaphore& m_semaphore;
+    dbus_uint32_t m_number = 0;
+    DbusMessageHandle m_lostReply; // guarded by the lock of the dispatch source
 };
 
 // Held in a filter while it runs code of others: the lock of the connection's dispatch source is free.

@@ -242,7 +242,7 @@ bool TCDbusMessage::PushBytes(const std::vector<std::uint8_t>& value) {
 
 bool TCDbusMessage::PushByteRange(const void* data, std::size_t size) {
     constexpr const char* function = "PushBytes";
-    if (!m_SetupIterator(Writing)) {
+    if (!m_StartPushing(2)) {
         return false;
     }
     DBusMessageIter elements;
@@ -340,8 +340,21 @@ bool TCDbusMessage::m_Pop(int type, Value& value, const char* function, const ch
     return true;
 }
 
+// libdbus does not notice when the type codes of a message become too many.
+bool TCDbusMessage::m_StartPushing(std::size_t typeCodes) {
+    if (!m_SetupIterator(Writing)) {
+        return false;
+    }
+    if (std::strlen(dbus_message_get_signature(m_rawMessage.get())) + typeCodes >
+        DBUS_MAXIMUM_SIGNATURE_LENGTH) {
+        MAVIX_LOGE("Too many arguments");
+        return false;
+    }
+    return true;
+}
+
 bool TCDbusMessage::m_Push(int type, const void* value) {
-    return m_SetupIterator(Writing) && dbus_message_iter_append_basic(&m_iterator, type, value) != FALSE;
+    return m_StartPushing(1) && dbus_message_iter_append_basic(&m_iterator, type, value) != FALSE;
 }
 
 // The old content dies only now: the request may be this object, and names may be borrowed from it.

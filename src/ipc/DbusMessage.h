@@ -74,6 +74,7 @@ private:
     bool m_SetupIterator(IteratorStatus wanted);
     template <class Value>
     bool m_Pop(int type, Value& value, const char* function, const char* typeError);
+    bool m_StartPushing(std::size_t typeCodes);
     bool m_Push(int type, const void* value);
     bool m_AdoptReply(DBusMessage* reply);
     void m_Cleanup();

@@ -48,7 +48,10 @@ DbusMessageHandle NewBusRequest(const char* member, const char* name, const std:
 
 DBusMessage* SendWithReply(DBusConnection* connection, DBusMessage* message, int timeoutMs) {
     constexpr int defaultTimeout = -1;
+    auto owned = std::make_unique<SignalSemaphore>();
+    SignalSemaphore& semaphore = *owned;
     PendingCallHandle pending;
+    TCDbusWaitingCall call(connection, semaphore);
     {
         const TCDbusSendLock lock(connection);
         DBusPendingCall* created = nullptr;
@@ -58,15 +61,15 @@ DBusMessage* SendWithReply(DBusConnection* connection, DBusMessage* message, int
             return nullptr;
         }
         pending.reset(created);
-        lock.ExpectTimeout(timeoutMs);
+        if (pending) {
+            call.Begin(dbus_message_get_serial(message), timeoutMs);
+        }
     }
     if (!pending) {
         MAVIX_LOGE("[API_LITE] Pending call error. Probably connection is broken.");
         return nullptr;
     }
-    auto owned = std::make_unique<SignalSemaphore>();
-    SignalSemaphore* semaphore = owned.get();
-    if (dbus_pending_call_set_notify(pending.get(), m_PendingCallCallback, semaphore, DeleteSemaphore) ==
+    if (dbus_pending_call_set_notify(pending.get(), m_PendingCallCallback, &semaphore, DeleteSemaphore) ==
         FALSE) {
         MAVIX_LOGE("[API_LITE] Cannot set notify callback. Out of memory.");
         return nullptr;
@@ -74,7 +77,10 @@ DBusMessage* SendWithReply(DBusConnection* connection, DBusMessage* message, int
     // From now on the pending call destroys it: the notification may come after the wait has ended.
     static_cast<void>(owned.release());
     if (dbus_pending_call_get_completed(pending.get()) == FALSE) {
-        semaphore->Wait();
+        semaphore.Wait();
+    }
+    if (dbus_pending_call_get_completed(pending.get()) == FALSE) {
+        return call.TakeLostReply();
     }
     return dbus_pending_call_steal_reply(pending.get());
 }
