@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <iostream>
 
 namespace {
@@ -24,6 +25,8 @@ class PlatformListener final : public testing::EmptyTestEventListener {
 } // namespace
 
 int main(int argc, char** argv) {
+    // Every complaint of libdbus ends the process, not only those about its callers.
+    setenv("DBUS_FATAL_WARNINGS", "1", 1);
     int exitCode = 0;
     if (MavixTest::RunAsChild(argc, argv, exitCode)) {
         return exitCode;

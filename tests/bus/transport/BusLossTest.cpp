@@ -2,6 +2,7 @@
 #include "TestScale.h"
 #include "TransportFixture.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -132,6 +133,47 @@ TYPED_TEST(BusLossTest, ALostBusDoesNotHoldUpDestruction) {
     EXPECT_LT(steady_clock::now() - start, std::chrono::milliseconds(900 * MAVIX_TEST_SCALE_DIVISOR));
 }
 
+TYPED_TEST(BusLossTest, AWaitingCallerFailsOrGetsAnErrorReply) {
+    ASSERT_TRUE(this->Connect(&this->m_owner));
+    MutePeer peer(this->m_bus.Address());
+    const bool replied = TestFixture::Row::row.lossIsAReply;
+    std::thread caller([this, replied, name = peer.Name()] {
+        const auto message = this->NewPeerCall(name);
+        EXPECT_EQ(replied, this->m_connection->SendWithReply(*message, -1));
+        EXPECT_STREQ(replied ? "org.freedesktop.DBus.Error.NoReply" : nullptr, message->GetError());
+    });
+    EXPECT_TRUE(peer.WaitForCalls(1));
+    this->m_bus.Kill();
+    caller.join();
+}
+
+TYPED_TEST(BusLossTest, TheOwnerIsToldOrNot) {
+    ASSERT_TRUE(this->Connect(&this->m_owner));
+    this->m_bus.Kill();
+    const auto told = [this] {
+        const std::vector<std::string> signals = this->m_owner.BusSignals();
+        return std::find(signals.begin(), signals.end(), "Disconnected") != signals.end();
+    };
+    if (TestFixture::Row::row.theLossReachesTheOwner) {
+        EXPECT_TRUE(Await(told));
+    }
+    this->m_connection.reset();
+    EXPECT_EQ(TestFixture::Row::row.theLossReachesTheOwner, told());
+}
+
+TYPED_TEST(BusLossTest, APeerThatLeavesDuringACallIsAnErrorReply) {
+    ASSERT_TRUE(this->Connect(&this->m_owner));
+    auto peer = std::make_unique<MutePeer>(this->m_bus.Address());
+    std::thread caller([this, name = peer->Name()] {
+        const auto message = this->NewPeerCall(name);
+        EXPECT_TRUE(this->m_connection->SendWithReply(*message, -1));
+        EXPECT_STREQ("org.freedesktop.DBus.Error.NoReply", message->GetError());
+    });
+    EXPECT_TRUE(peer->WaitForCalls(1));
+    peer.reset();
+    caller.join();
+}
+
 using GdbusBusLossTest = BusLossTest<MavixApiLite::TCGdbusConnection>;
 
 TEST_F(GdbusBusLossTest, AWaitingCallerIsToldThatTheConnectionIsClosed) {
@@ -158,19 +200,6 @@ TEST_F(GdbusBusLossTest, ClosingALostConnectionIsLoggedAndNoMore) {
     m_connection.reset();
     EXPECT_EQ(1U, Lines(errorLine, "[API_LITE] t_CleanupConnection failed!"));
     EXPECT_EQ(1U, Lines(errorLine, "[API_LITE] 'The connection is closed'"));
-}
-
-TEST_F(GdbusBusLossTest, APeerThatLeavesDuringACallIsAnErrorReply) {
-    ASSERT_TRUE(Connect(&m_owner));
-    auto peer = std::make_unique<MutePeer>(m_bus.Address());
-    std::thread caller([this, name = peer->Name()] {
-        const auto message = NewPeerCall(name);
-        EXPECT_TRUE(m_connection->SendWithReply(*message, -1));
-        EXPECT_STREQ("org.freedesktop.DBus.Error.NoReply", message->GetError());
-    });
-    EXPECT_TRUE(peer->WaitForCalls(1));
-    peer.reset();
-    caller.join();
 }
 
 } // namespace

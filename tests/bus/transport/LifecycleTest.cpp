@@ -35,6 +35,7 @@ protected:
         for (int at = 0; at < 3; ++at) {
             round();
         }
+        g_main_context_iteration(nullptr, FALSE);
         const std::size_t descriptors = Descriptors();
         const std::size_t threads = Threads();
         const unsigned int rounds = Scaled(1000);

@@ -10,10 +10,11 @@ using MavixApiLite::TIIpcMessage;
 
 namespace {
 
+// Of the bus itself, or of the bus library.
 bool IsSignalOfTheBus(TIIpcMessage& message) {
-    const char* sender = message.GetSender();
-    return sender != nullptr && std::strcmp(sender, "org.freedesktop.DBus") == 0 &&
-           message.GetMember() != nullptr;
+    const char* interface = message.GetInterface();
+    return interface != nullptr && (std::strcmp(interface, "org.freedesktop.DBus") == 0 ||
+                                    std::strcmp(interface, "org.freedesktop.DBus.Local") == 0);
 }
 
 } // namespace
@@ -33,12 +34,18 @@ bool TCRecordingOwner::FilterIpcMessage(TIIpcMessage& message) {
         return false;
     }
     const char* member = message.GetMember();
+    if (member == nullptr) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_replies;
+        m_changed.notify_all();
+        return false;
+    }
     char name[16] = "";
     pthread_getname_np(pthread_self(), name, sizeof name);
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_threadName = name;
-        m_messages.emplace_back(member != nullptr ? member : noMember);
+        m_messages.emplace_back(member);
         m_changed.notify_all();
     }
     return onMessage && onMessage(message);
@@ -57,6 +64,11 @@ std::vector<std::string> TCRecordingOwner::Messages() const {
 std::vector<std::string> TCRecordingOwner::BusSignals() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_busSignals;
+}
+
+std::size_t TCRecordingOwner::Replies() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_replies;
 }
 
 std::string TCRecordingOwner::ThreadName() const {

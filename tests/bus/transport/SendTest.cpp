@@ -57,7 +57,7 @@ TYPED_TEST(SendTest, OnlyAMessageWithoutArgumentsSaysThatPushingWasNotStarted) {
     EXPECT_EQ(0U, this->Lines(errorLine, "Pushing not started!"));
     const auto withoutArgument = this->NewBusCall("GetId");
     EXPECT_TRUE(this->m_connection->SendWithReply(*withoutArgument, -1));
-    EXPECT_EQ(TestFixture::Row::row.readsRequestsAtPushEnd ? 1U : 0U,
+    EXPECT_EQ(TestFixture::Row::row.pushEndWithoutPush != nullptr ? 1U : 0U,
               this->Lines(errorLine, "Pushing not started!"));
 }
 
@@ -86,27 +86,53 @@ TYPED_TEST(SendTest, SendingWithoutReplyDoesNotWait) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 }
 
-TYPED_TEST(SendTest, RequestsFromTheDispatchThreadAreAnswered) {
-    TCRawClient peer(this->m_bus.Address());
-    this->m_connection = TestFixture::Row::Make();
-    std::atomic<int> answered{0};
-    this->m_owner.onMessage = [&](TIIpcMessage&) {
-        const auto question = this->NewBusCall("GetId");
-        bool hasOwner = false;
-        if (this->m_connection->SendWithReply(*question, -1) &&
-            this->m_connection->BusHasOwner("org.freedesktop.DBus", 5000, hasOwner) && hasOwner) {
-            ++answered;
-        }
-        return true;
-    };
-    ASSERT_TRUE(this->Connect(&this->m_owner));
-    RawSignal signal;
-    signal.path = peerPath;
-    signal.interface = peerInterface;
-    signal.destination = this->m_connection->GetUniqueName();
-    peer.Emit(signal);
-    peer.Emit(signal);
-    EXPECT_TRUE(Await([&] { return answered == 2; }));
+TYPED_TEST(SendTest, TheSameMessageLeavesOnceOrOnLibdbusEachTime) {
+    const auto message = this->NewBusCall("GetId");
+    EXPECT_TRUE(this->m_connection->Send(*message));
+    EXPECT_EQ(TestFixture::Row::row.sendsTwice, this->m_connection->Send(*message));
+    EXPECT_STREQ("GetId", message->GetMember());
+    EXPECT_EQ(TestFixture::Row::row.sendsTwice, this->m_connection->SendWithReply(*message, 5000));
+}
+
+TYPED_TEST(SendTest, ASentMessageIsNotChangedAnyMore) {
+    const auto message = this->NewBusCall("GetId");
+    EXPECT_TRUE(this->m_connection->Send(*message));
+    TCRecordingPlatform::Get().Reset();
+    EXPECT_FALSE(message->SetNoReply());
+    const bool late = TestFixture::Row::row.sentFailsAtPushEnd;
+    EXPECT_EQ(late, message->PushInt(1));
+    EXPECT_EQ(!late, message->PushEnd());
+    EXPECT_EQ(2U, this->Lines(errorLine, "Message is locked"));
+    EXPECT_FALSE(message->PopSkip()) << "nothing was appended";
+}
+
+TYPED_TEST(SendTest, ATimeLimitThatPassesFailsOrIsAnErrorReply) {
+    TCRawClient mute(this->m_bus.Address());
+    const auto message = this->NewPeerCall(mute.UniqueName());
+    const bool replied = TestFixture::Row::row.timeoutIsAReply;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(replied, this->m_connection->SendWithReply(*message, 150));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(149));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    EXPECT_STREQ(replied ? "org.freedesktop.DBus.Error.NoReply" : nullptr, message->GetError());
+    EXPECT_STREQ(replied ? nullptr : "Ask", message->GetMember());
+}
+
+TYPED_TEST(SendTest, ATimeLimitOfNothingIsOneToo) {
+    TCRawClient mute(this->m_bus.Address());
+    const auto message = this->NewPeerCall(mute.UniqueName());
+    EXPECT_EQ(TestFixture::Row::row.timeoutIsAReply, this->m_connection->SendWithReply(*message, 0));
+}
+
+TYPED_TEST(SendTest, AFailedCallKeepsItsMessageOrEmptiesIt) {
+    this->m_bus.Kill();
+    bool hasOwner = true;
+    // The loss may be noticed by the first one only.
+    this->m_connection->BusHasOwner("org.freedesktop.DBus", 5000, hasOwner);
+    const auto message = this->NewBusCall("GetId");
+    EXPECT_FALSE(this->m_connection->SendWithReply(*message, 5000));
+    EXPECT_EQ(TestFixture::Row::row.failedCallEmpties, message->GetRawMessage(false) == nullptr);
+    EXPECT_TRUE(hasOwner);
 }
 
 // A message of GIO that has been sent is locked, and so is a reply.
@@ -115,13 +141,27 @@ protected:
     GdbusSendTest() { EXPECT_TRUE(Connect()); }
 };
 
-TEST_F(GdbusSendTest, TheSameMessageIsRefusedTheSecondTime) {
-    const auto message = NewBusCall("GetId");
-    EXPECT_TRUE(m_connection->Send(*message));
-    EXPECT_FALSE(m_connection->Send(*message));
-    EXPECT_FALSE(m_connection->SendWithReply(*message, 5000));
-    EXPECT_STREQ("GetId", message->GetMember());
-    EXPECT_EQ(0U, TCRecordingPlatform::Get().CountStarting(errorLine, "[API_LITE]"));
+TEST_F(GdbusSendTest, RequestsFromTheDispatchThreadAreAnswered) {
+    TCRawClient peer(m_bus.Address());
+    m_connection = Row::Make();
+    std::atomic<int> answered{0};
+    m_owner.onMessage = [&](TIIpcMessage&) {
+        const auto question = NewBusCall("GetId");
+        bool hasOwner = false;
+        if (m_connection->SendWithReply(*question, -1) &&
+            m_connection->BusHasOwner("org.freedesktop.DBus", 5000, hasOwner) && hasOwner) {
+            ++answered;
+        }
+        return true;
+    };
+    ASSERT_TRUE(Connect(&m_owner));
+    RawSignal signal;
+    signal.path = peerPath;
+    signal.interface = peerInterface;
+    signal.destination = m_connection->GetUniqueName();
+    peer.Emit(signal);
+    peer.Emit(signal);
+    EXPECT_TRUE(Await([&] { return answered == 2; }));
 }
 
 TEST_F(GdbusSendTest, AReplyIsNotSentOn) {

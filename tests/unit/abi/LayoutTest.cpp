@@ -1,4 +1,7 @@
 #include "DbusBusWrapper.h"
+#include "DbusConnection.h"
+#include "DbusErrorWrapper.h"
+#include "DbusMessage.h"
 #include "FakeConnection.h"
 #include "GMainLoopHandler.h"
 #include "GSourceHandler.h"
@@ -149,6 +152,36 @@ struct TestAccess {
                 FIELD(m_sourceHandler),      FIELD(m_filterId),  FIELD(m_owner)};
     }
 
+    static Fields Of(const TCDbusMessage& object) {
+        static_assert(isPointerSized<decltype(object.m_rawMessage)>);
+        static_assert(isA<decltype(object.m_iterator), DBusMessageIter>);
+        static_assert(isA<std::underlying_type_t<TCDbusMessage::IteratorStatus>, std::int32_t>);
+        static_assert(TCDbusMessage::None == 0 && TCDbusMessage::Reading == 1 && TCDbusMessage::Writing == 2);
+        return {FIELD(m_rawMessage), FIELD(m_iterator), FIELD(m_iteratorStatus)};
+    }
+
+    static Fields Of(const TCDbusConnection& object) {
+        static_assert(isA<decltype(object.m_maxAttempts), std::int32_t>);
+        static_assert(isA<decltype(object.m_mutex), std::mutex>);
+        static_assert(isA<decltype(object.m_connectingThread), std::thread>);
+        static_assert(sizeof(object.m_connectingThreadId) == sizeof(pthread_t));
+        static_assert(sizeof(object.m_connected) == sizeof(bool));
+        static_assert(isPointerSized<decltype(object.m_connection)>);
+        static_assert(isA<decltype(object.m_mainLoopHandler), std::unique_ptr<TCGMainLoopHandler>>);
+        static_assert(isA<decltype(object.m_useDefaultContext), bool>);
+        static_assert(isPointerSized<decltype(object.m_owner)>);
+        return {
+            FIELD(m_maxAttempts), FIELD(m_mutex),      FIELD(m_connectingThread), FIELD(m_connectingThreadId),
+            FIELD(m_connected),   FIELD(m_connection), FIELD(m_mainLoopHandler),  FIELD(m_useDefaultContext),
+            FIELD(m_owner)};
+    }
+
+    static Fields Of(const DbusErrorWrapper& object) {
+        static_assert(isA<decltype(object.m_error), DBusError>);
+        static_assert(isA<decltype(object.m_operationName), std::string>);
+        return {FIELD(m_error), FIELD(m_operationName)};
+    }
+
     static Fields Of(const TCGdbusError& object) {
         static_assert(isA<decltype(object.m_error), GError*>);
         static_assert(isA<decltype(object.m_operationName), std::string>);
@@ -296,6 +329,18 @@ TEST(Layout, OfTheGioMessage) {
 
 TEST(Layout, OfTheGioConnection) {
     ExpectLayout(TCGdbusConnection(), twoTables);
+}
+
+TEST(Layout, OfTheLibdbusMessage) {
+    ExpectLayout(TCDbusMessage(), oneTable);
+}
+
+TEST(Layout, OfTheLibdbusConnection) {
+    ExpectLayout(TCDbusConnection(1, false), twoTables);
+}
+
+TEST(Layout, OfTheLibdbusError) {
+    ExpectLayout(DbusErrorWrapper("operation"), noTable);
 }
 
 TEST(Layout, OfTheGioError) {

@@ -1,4 +1,4 @@
-#include "GdbusFixture.h"
+#include "MessageFixture.h"
 
 #include <atomic>
 #include <cstdlib>
@@ -43,7 +43,7 @@ void Free(void* pointer) {
     std::free(block);
 }
 
-class MessageCopies : public GdbusMessageFixture {
+class MessageCopies : public MessageFixture<TCGdbusMessage> {
 protected:
     void SetUp() override {
         ASSERT_TRUE(
@@ -123,7 +123,7 @@ TEST_F(MessageCopies, NoneIsKeptWhenTheContentGoes) {
 }
 
 TEST_F(MessageCopies, ARefusedPushKeepsNone) {
-    Adopt(m_message, Built("(1,)"));
+    Hold(m_message, Built("(1,)"));
     ASSERT_TRUE(m_message.PopSkip());
     const int before = largeAlive;
     EXPECT_FALSE(m_message.PushByteRange(m_payload.data(), m_payload.size()));

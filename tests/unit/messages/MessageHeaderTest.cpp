@@ -1,4 +1,4 @@
-#include "GdbusFixture.h"
+#include "MessageFixture.h"
 
 #include <stdexcept>
 
@@ -14,10 +14,16 @@ const std::string longName = longestName + 'b';
 const std::string longestMember(255, 'b');
 const std::string longMember(256, 'b');
 
-class GdbusHeader : public GdbusMessageFixture {
+template <class Message>
+class MessageHeader : public MessageFixture<Message> {
 protected:
-    GDBusMessage* Raw() { return static_cast<GDBusMessage*>(m_message.GetRawMessage(false)); }
+    GDBusMessageType WireType() {
+        return g_dbus_message_get_message_type(this->OnTheWire(this->m_message).get());
+    }
+    int WireFlags() { return g_dbus_message_get_flags(this->OnTheWire(this->m_message).get()); }
 };
+
+TYPED_TEST_SUITE(MessageHeader, MessageTypes, MessageNames);
 
 struct Names {
     const char* destination;
@@ -37,7 +43,7 @@ std::ostream& operator<<(std::ostream& out, const Names& names) {
 
 } // namespace
 
-TEST_F(GdbusHeader, NumbersTheMessageTypes) {
+TYPED_TEST(MessageHeader, NumbersTheMessageTypes) {
     EXPECT_EQ(0, TIIpcMessage::Signal);
     EXPECT_EQ(1, TIIpcMessage::MethodCall);
     EXPECT_EQ(2, TIIpcMessage::MethodReturn);
@@ -45,42 +51,42 @@ TEST_F(GdbusHeader, NumbersTheMessageTypes) {
     EXPECT_EQ(4U, sizeof(Type));
 }
 
-TEST_F(GdbusHeader, InitializeBuildsAMethodCall) {
-    ASSERT_TRUE(m_message.Initialize(TIIpcMessage::MethodCall, testBus, testPath, testInterface, testMember));
-    EXPECT_EQ(G_DBUS_MESSAGE_TYPE_METHOD_CALL, g_dbus_message_get_message_type(Raw()));
-    EXPECT_STREQ(testBus, m_message.GetDestination());
-    EXPECT_STREQ(testPath, m_message.GetPath());
-    EXPECT_STREQ(testInterface, m_message.GetInterface());
-    EXPECT_STREQ(testMember, m_message.GetMember());
-    EXPECT_EQ(nullptr, m_message.GetSender());
-    EXPECT_EQ(nullptr, m_message.GetError());
-    EXPECT_EQ(G_DBUS_MESSAGE_FLAGS_NONE, g_dbus_message_get_flags(Raw()));
+TYPED_TEST(MessageHeader, InitializeBuildsAMethodCall) {
+    ASSERT_TRUE(this->InitializeCall());
+    EXPECT_EQ(G_DBUS_MESSAGE_TYPE_METHOD_CALL, this->WireType());
+    EXPECT_STREQ(testBus, this->m_message.GetDestination());
+    EXPECT_STREQ(testPath, this->m_message.GetPath());
+    EXPECT_STREQ(testInterface, this->m_message.GetInterface());
+    EXPECT_STREQ(testMember, this->m_message.GetMember());
+    EXPECT_EQ(nullptr, this->m_message.GetSender());
+    EXPECT_EQ(nullptr, this->m_message.GetError());
+    EXPECT_EQ(G_DBUS_MESSAGE_FLAGS_NONE, this->WireFlags());
 }
 
-TEST_F(GdbusHeader, InitializeBuildsASignalWithAndWithoutADestination) {
+TYPED_TEST(MessageHeader, InitializeBuildsASignalWithAndWithoutADestination) {
     for (const char* destination : {static_cast<const char*>(nullptr), testBus}) {
-        ASSERT_TRUE(
-            m_message.Initialize(TIIpcMessage::Signal, destination, testPath, testInterface, testMember));
-        EXPECT_EQ(G_DBUS_MESSAGE_TYPE_SIGNAL, g_dbus_message_get_message_type(Raw()));
-        EXPECT_STREQ(destination, m_message.GetDestination());
-        EXPECT_STREQ(testPath, m_message.GetPath());
-        EXPECT_STREQ(testInterface, m_message.GetInterface());
-        EXPECT_STREQ(testMember, m_message.GetMember());
+        ASSERT_TRUE(this->m_message.Initialize(TIIpcMessage::Signal, destination, testPath, testInterface,
+                                               testMember));
+        EXPECT_EQ(G_DBUS_MESSAGE_TYPE_SIGNAL, this->WireType());
+        EXPECT_STREQ(destination, this->m_message.GetDestination());
+        EXPECT_STREQ(testPath, this->m_message.GetPath());
+        EXPECT_STREQ(testInterface, this->m_message.GetInterface());
+        EXPECT_STREQ(testMember, this->m_message.GetMember());
     }
 }
 
-TEST_F(GdbusHeader, InitializeRefusesOtherTypesAndEmptiesTheObject) {
+TYPED_TEST(MessageHeader, InitializeRefusesOtherTypesAndEmptiesTheObject) {
     for (const Type type :
          {TIIpcMessage::MethodReturn, TIIpcMessage::Error, static_cast<Type>(4), static_cast<Type>(-1)}) {
         SCOPED_TRACE(type);
-        Adopt(m_message, Built("(1,)"));
-        EXPECT_FALSE(m_message.Initialize(type, testBus, testPath, testInterface, testMember));
-        EXPECT_EQ(nullptr, m_message.GetRawMessage(false));
-        ExpectLines("Initialize", "No message initialized");
+        this->Hold(this->m_message, Built("(1,)"));
+        EXPECT_FALSE(this->m_message.Initialize(type, testBus, testPath, testInterface, testMember));
+        EXPECT_EQ(nullptr, this->m_message.GetRawMessage(false));
+        this->ExpectLines("Initialize", TestFixture::Kit::row.refusedInitialize);
     }
 }
 
-TEST_F(GdbusHeader, InitializeRefusesNamesThatTheBusDoesNotAllow) {
+TYPED_TEST(MessageHeader, InitializeRefusesNamesThatTheBusDoesNotAllow) {
     const Names table[] = {
         {"", testPath, testInterface, testMember},
         {"noDot", testPath, testInterface, testMember},
@@ -105,15 +111,16 @@ TEST_F(GdbusHeader, InitializeRefusesNamesThatTheBusDoesNotAllow) {
     for (const Names& row : table) {
         for (const Type type : {TIIpcMessage::Signal, TIIpcMessage::MethodCall}) {
             SCOPED_TRACE(testing::Message() << row << ", type " << type);
-            Adopt(m_message, Built());
-            EXPECT_FALSE(m_message.Initialize(type, row.destination, row.path, row.interface, row.member));
-            EXPECT_EQ(nullptr, m_message.GetRawMessage(false));
-            ExpectLines("Initialize", "No message initialized");
+            this->Hold(this->m_message, Built());
+            EXPECT_FALSE(
+                this->m_message.Initialize(type, row.destination, row.path, row.interface, row.member));
+            EXPECT_EQ(nullptr, this->m_message.GetRawMessage(false));
+            this->ExpectLines("Initialize", TestFixture::Kit::row.refusedInitialize);
         }
     }
 }
 
-TEST_F(GdbusHeader, InitializeTakesTheLongestNamesAndAUniqueName) {
+TYPED_TEST(MessageHeader, InitializeTakesTheLongestNamesAndAUniqueName) {
     const Names table[] = {
         {":1.42", "/", longestName.c_str(), "m"},
         {longestName.c_str(), testPath, testInterface, longestMember.c_str()},
@@ -122,86 +129,93 @@ TEST_F(GdbusHeader, InitializeTakesTheLongestNamesAndAUniqueName) {
     for (const Names& row : table) {
         for (const Type type : {TIIpcMessage::Signal, TIIpcMessage::MethodCall}) {
             SCOPED_TRACE(testing::Message() << row << ", type " << type);
-            EXPECT_TRUE(m_message.Initialize(type, row.destination, row.path, row.interface, row.member));
+            EXPECT_TRUE(
+                this->m_message.Initialize(type, row.destination, row.path, row.interface, row.member));
         }
     }
 }
 
-TEST_F(GdbusHeader, OnlyACallMayLackItsInterface) {
-    EXPECT_TRUE(m_message.Initialize(TIIpcMessage::MethodCall, testBus, testPath, nullptr, testMember));
-    EXPECT_EQ(nullptr, m_message.GetInterface());
-    ExpectNoLines();
-    EXPECT_FALSE(m_message.Initialize(TIIpcMessage::Signal, nullptr, testPath, nullptr, testMember));
-    ExpectLines("Initialize", "No message initialized");
+TYPED_TEST(MessageHeader, OnlyACallMayLackItsInterface) {
+    EXPECT_TRUE(this->m_message.Initialize(TIIpcMessage::MethodCall, testBus, testPath, nullptr, testMember));
+    EXPECT_EQ(nullptr, this->m_message.GetInterface());
+    this->ExpectNoLines();
+    EXPECT_FALSE(this->m_message.Initialize(TIIpcMessage::Signal, nullptr, testPath, nullptr, testMember));
+    this->ExpectLines("Initialize", TestFixture::Kit::row.refusedInitialize);
 }
 
-TEST_F(GdbusHeader, GettersOfAnEmptyObjectLogAndGiveNull) {
+TYPED_TEST(MessageHeader, GettersOfAnEmptyObjectLogAndGiveNull) {
     const struct {
         const char* name;
-        const char* (TCGdbusMessage::*get)();
+        const char* (TIIpcMessage::*get)();
     } table[] = {
-        {"GetDestination", &TCGdbusMessage::GetDestination}, {"GetPath", &TCGdbusMessage::GetPath},
-        {"GetInterface", &TCGdbusMessage::GetInterface},     {"GetMember", &TCGdbusMessage::GetMember},
-        {"GetSender", &TCGdbusMessage::GetSender},           {"GetError", &TCGdbusMessage::GetError},
+        {"GetDestination", &TIIpcMessage::GetDestination}, {"GetPath", &TIIpcMessage::GetPath},
+        {"GetInterface", &TIIpcMessage::GetInterface},     {"GetMember", &TIIpcMessage::GetMember},
+        {"GetSender", &TIIpcMessage::GetSender},           {"GetError", &TIIpcMessage::GetError},
     };
     for (const auto& row : table) {
-        EXPECT_EQ(nullptr, (m_message.*row.get)()) << row.name;
-        ExpectLines(row.name, "Invalid message");
+        EXPECT_EQ(nullptr, (this->m_message.*row.get)()) << row.name;
+        this->ExpectLines(row.name, TestFixture::Kit::row.getterOfEmptyObject);
     }
 }
 
-TEST_F(GdbusHeader, GettersOfAReceivedErrorGiveSenderAndErrorName) {
-    RawMessage call = Received(Built());
-    Adopt(m_message,
-          Received(RawMessage(g_dbus_message_new_method_error_literal(call.get(), "a.b.Broken", "why"))));
-    EXPECT_STREQ("a.b.Broken", m_message.GetError());
-    EXPECT_STREQ(":1.7", m_message.GetSender());
-    EXPECT_EQ(nullptr, m_message.GetPath());
-    EXPECT_EQ(nullptr, m_message.GetInterface());
-    EXPECT_EQ(nullptr, m_message.GetMember());
+TYPED_TEST(MessageHeader, GettersOfAReceivedErrorGiveSenderAndErrorName) {
+    const GioMessage call = TCBlob(Built().get()).ForGio();
+    this->Receive(this->m_message,
+                  GioMessage(g_dbus_message_new_method_error_literal(call.get(), "a.b.Broken", "why")));
+    EXPECT_STREQ("a.b.Broken", this->m_message.GetError());
+    EXPECT_STREQ(":1.7", this->m_message.GetSender());
+    EXPECT_EQ(nullptr, this->m_message.GetPath());
+    EXPECT_EQ(nullptr, this->m_message.GetInterface());
+    EXPECT_EQ(nullptr, this->m_message.GetMember());
 }
 
-TEST_F(GdbusHeader, SetNoReplyAddsItsFlagToTheOthers) {
-    Adopt(m_message, Built());
-    g_dbus_message_set_flags(Raw(), G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
-    EXPECT_TRUE(m_message.SetNoReply());
-    EXPECT_EQ(G_DBUS_MESSAGE_FLAGS_NO_AUTO_START | G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED,
-              g_dbus_message_get_flags(Raw()));
+TYPED_TEST(MessageHeader, SetNoReplyAddsItsFlagToTheOthers) {
+    GioMessage message = Built();
+    g_dbus_message_set_flags(message.get(), G_DBUS_MESSAGE_FLAGS_NO_AUTO_START);
+    this->Hold(this->m_message, std::move(message));
+    EXPECT_TRUE(this->m_message.SetNoReply());
+    EXPECT_EQ(G_DBUS_MESSAGE_FLAGS_NO_AUTO_START | G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED, this->WireFlags());
 }
 
-TEST_F(GdbusHeader, SetNoReplyWithoutAMessageFails) {
-    EXPECT_FALSE(m_message.SetNoReply());
-    ExpectLines("SetNoReply", "No message");
+TYPED_TEST(MessageHeader, SetNoReplyWithoutAMessageFails) {
+    EXPECT_FALSE(this->m_message.SetNoReply());
+    this->ExpectLines("SetNoReply", TestFixture::Kit::row.noReplyOfEmptyObject);
 }
 
-TEST_F(GdbusHeader, SetNoReplyLeavesAReceivedMessageAlone) {
-    Adopt(m_message, Received(Built("(1,)")));
-    EXPECT_FALSE(m_message.SetNoReply());
-    ExpectLines("SetNoReply", "Message is locked");
-    EXPECT_EQ(G_DBUS_MESSAGE_FLAGS_NONE, g_dbus_message_get_flags(Raw()));
+TYPED_TEST(MessageHeader, SetNoReplyLeavesAReceivedMessageAloneExceptOnLibdbus) {
+    this->Receive(this->m_message, Built("(1,)"));
+    const bool changed = TestFixture::Kit::row.receivedCanBeExtended;
+    EXPECT_EQ(changed, this->m_message.SetNoReply());
+    this->ExpectLines("SetNoReply", changed ? nullptr : "Message is locked");
+    EXPECT_EQ(changed ? G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED : G_DBUS_MESSAGE_FLAGS_NONE,
+              this->WireFlags());
 }
 
-TEST_F(GdbusHeader, GetRawMessageTakesAReferenceOnlyWhenAsked) {
-    EXPECT_EQ(nullptr, m_message.GetRawMessage(false));
-    EXPECT_EQ(nullptr, m_message.GetRawMessage(true));
-    Adopt(m_message, Built());
-    const GObject* object = G_OBJECT(Raw());
-    EXPECT_EQ(1U, object->ref_count);
-    EXPECT_EQ(Raw(), m_message.GetRawMessage(false));
-    EXPECT_EQ(1U, object->ref_count);
-    const RawMessage kept(static_cast<GDBusMessage*>(m_message.GetRawMessage(true)));
-    EXPECT_EQ(2U, object->ref_count);
-    m_message.SetRawMessage(nullptr);
-    EXPECT_EQ(1U, object->ref_count);
-    EXPECT_EQ(nullptr, m_message.GetRawMessage(false));
+TYPED_TEST(MessageHeader, GetRawMessageTakesAReferenceOnlyWhenAsked) {
+    EXPECT_EQ(nullptr, this->m_message.GetRawMessage(false));
+    EXPECT_EQ(nullptr, this->m_message.GetRawMessage(true));
+    for (const bool asked : {false, true}) {
+        bool gone = false;
+        this->Hold(this->m_message, Built());
+        TestFixture::Kit::Watch(this->RawOf(this->m_message), &gone);
+        void* raw = this->m_message.GetRawMessage(asked);
+        EXPECT_EQ(raw, this->m_message.GetRawMessage(false));
+        this->m_message.SetRawMessage(nullptr);
+        EXPECT_EQ(nullptr, this->m_message.GetRawMessage(false));
+        EXPECT_EQ(!asked, gone);
+        if (asked) {
+            TestFixture::Kit::Unref(raw);
+        }
+        EXPECT_TRUE(gone);
+    }
 }
 
-TEST_F(GdbusHeader, TheObjectDropsItsReferenceWithItself) {
-    const RawMessage kept = Built("(1,)");
+TYPED_TEST(MessageHeader, TheObjectDropsItsReferenceWithItself) {
+    bool gone = false;
     {
-        TCGdbusMessage message;
-        message.SetRawMessage(g_object_ref(kept.get()));
-        EXPECT_EQ(2U, G_OBJECT(kept.get())->ref_count);
+        TypeParam message;
+        this->Hold(message, Built("(1,)"));
+        TestFixture::Kit::Watch(this->RawOf(message), &gone);
     }
-    EXPECT_EQ(1U, G_OBJECT(kept.get())->ref_count);
+    EXPECT_TRUE(gone);
 }

@@ -1,4 +1,4 @@
-#include "GdbusFixture.h"
+#include "MessageFixture.h"
 
 #include <stdexcept>
 
@@ -8,48 +8,56 @@ namespace {
 
 using Type = TIIpcMessage::IpcMessageType;
 
-class GdbusIsOfType : public GdbusMessageFixture {
+template <class Message>
+class MessageIsOfType : public MessageFixture<Message> {
 protected:
     bool m_Is(Type type, const char* interface = nullptr, const char* member = nullptr) {
-        return m_message.IsOfType(&type, interface, member);
+        return this->m_message.IsOfType(&type, interface, member);
     }
 
-    static RawMessage Of(Type type) {
-        const RawMessage call = Received(Built());
+    static GioMessage Of(Type type) {
+        const GioMessage call = TCBlob(Built().get()).ForGio();
         switch (type) {
         case TIIpcMessage::Signal:
-            return RawMessage(g_dbus_message_new_signal(testPath, testInterface, testMember));
+            return GioMessage(g_dbus_message_new_signal(testPath, testInterface, testMember));
         case TIIpcMessage::MethodCall:
             return Built();
         case TIIpcMessage::MethodReturn:
-            return RawMessage(g_dbus_message_new_method_reply(call.get()));
+            return GioMessage(g_dbus_message_new_method_reply(call.get()));
         default:
-            return RawMessage(g_dbus_message_new_method_error_literal(call.get(), "a.b", ""));
+            return GioMessage(g_dbus_message_new_method_error_literal(call.get(), "a.b", ""));
         }
     }
 };
 
+TYPED_TEST_SUITE(MessageIsOfType, MessageTypes, MessageNames);
+
 } // namespace
 
-TEST_F(GdbusIsOfType, WithoutAMessageIsFalse) {
-    EXPECT_FALSE(m_message.IsOfType(nullptr, nullptr, nullptr));
-    ExpectLines("IsOfType", "No message");
-    EXPECT_FALSE(m_Is(TIIpcMessage::Signal, testInterface, testMember));
-    ExpectLines("IsOfType", "No message");
+TYPED_TEST(MessageIsOfType, WithoutAMessageIsFalse) {
+    EXPECT_FALSE(this->m_message.IsOfType(nullptr, nullptr, nullptr));
+    this->ExpectLines("IsOfType", TestFixture::Kit::row.typeOfEmptyObject);
+    EXPECT_FALSE(this->m_Is(TIIpcMessage::Signal, testInterface, testMember));
+    this->ExpectLines("IsOfType", TestFixture::Kit::row.typeOfEmptyObject);
 }
 
-TEST_F(GdbusIsOfType, TellsTheFourTypesApart) {
+TYPED_TEST(MessageIsOfType, TellsTheFourTypesApart) {
     for (int held = TIIpcMessage::Signal; held <= TIIpcMessage::Error; ++held) {
-        Adopt(m_message, Received(Of(static_cast<Type>(held))));
+        this->Receive(this->m_message, this->Of(static_cast<Type>(held)));
         for (int asked = -1; asked <= 5; ++asked) {
-            EXPECT_EQ(held == asked, m_Is(static_cast<Type>(asked))) << held << " asked for " << asked;
+            const bool named = held == TIIpcMessage::Signal || held == TIIpcMessage::MethodCall;
+            EXPECT_EQ(held == asked, this->m_Is(static_cast<Type>(asked), named ? testInterface : nullptr,
+                                                named ? testMember : nullptr))
+                << held << " asked for " << asked;
         }
-        EXPECT_TRUE(m_message.IsOfType(nullptr, nullptr, nullptr)) << held;
+        EXPECT_EQ(TestFixture::Kit::row.nullTypeMatchesAll,
+                  this->m_message.IsOfType(nullptr, nullptr, nullptr))
+            << held;
     }
 }
 
-TEST_F(GdbusIsOfType, ComparesInterfaceAndMemberExactly) {
-    Adopt(m_message, Received(Of(TIIpcMessage::Signal)));
+TYPED_TEST(MessageIsOfType, ComparesInterfaceAndMemberExactly) {
+    this->Receive(this->m_message, this->Of(TIIpcMessage::Signal));
     const struct {
         const char* interface;
         const char* member;
@@ -70,14 +78,22 @@ TEST_F(GdbusIsOfType, ComparesInterfaceAndMemberExactly) {
     for (const auto& row : table) {
         const std::string text = std::string(row.interface != nullptr ? row.interface : "(null)") + ", " +
                                  (row.member != nullptr ? row.member : "(null)");
-        EXPECT_EQ(row.expected, m_Is(TIIpcMessage::Signal, row.interface, row.member)) << text;
-        EXPECT_EQ(row.expected, m_message.IsOfType(nullptr, row.interface, row.member)) << text;
-        EXPECT_FALSE(m_Is(TIIpcMessage::MethodCall, row.interface, row.member)) << text;
+        const bool comparable =
+            TestFixture::Kit::row.nullNameMatchesAll || (row.interface != nullptr && row.member != nullptr);
+        EXPECT_EQ(row.expected && comparable, this->m_Is(TIIpcMessage::Signal, row.interface, row.member))
+            << text;
+        EXPECT_EQ(row.expected && TestFixture::Kit::row.nullTypeMatchesAll,
+                  this->m_message.IsOfType(nullptr, row.interface, row.member))
+            << text;
+        EXPECT_FALSE(this->m_Is(TIIpcMessage::MethodCall, row.interface, row.member)) << text;
     }
 }
 
+// The names that are asked for count for every type over GDBus, for signals and calls over libdbus.
+using GdbusIsOfType = MessageIsOfType<TCGdbusMessage>;
+
 TEST_F(GdbusIsOfType, ThrowsWhenAFieldToCompareIsMissing) {
-    Adopt(m_message, Received(Of(TIIpcMessage::MethodReturn)));
+    Receive(m_message, Of(TIIpcMessage::MethodReturn));
     EXPECT_TRUE(m_Is(TIIpcMessage::MethodReturn));
     EXPECT_THROW(m_Is(TIIpcMessage::MethodReturn, testInterface), std::logic_error);
     EXPECT_THROW(m_Is(TIIpcMessage::MethodReturn, nullptr, testMember), std::logic_error);
@@ -87,8 +103,25 @@ TEST_F(GdbusIsOfType, ThrowsWhenAFieldToCompareIsMissing) {
 }
 
 TEST_F(GdbusIsOfType, ThrowsForACallWithoutInterface) {
-    Adopt(m_message,
-          Received(RawMessage(g_dbus_message_new_method_call(testBus, testPath, nullptr, testMember))));
+    Receive(m_message, GioMessage(g_dbus_message_new_method_call(testBus, testPath, nullptr, testMember)));
     EXPECT_THROW(m_Is(TIIpcMessage::MethodCall, testInterface, testMember), std::logic_error);
     EXPECT_TRUE(m_Is(TIIpcMessage::MethodCall, nullptr, testMember));
+}
+
+using LibdbusIsOfType = MessageIsOfType<TCDbusMessage>;
+
+TEST_F(LibdbusIsOfType, IgnoresNamesForRepliesAndErrors) {
+    for (const Type held : {TIIpcMessage::MethodReturn, TIIpcMessage::Error}) {
+        Receive(m_message, Of(held));
+        EXPECT_TRUE(m_Is(held));
+        EXPECT_TRUE(m_Is(held, testInterface, testMember));
+        EXPECT_FALSE(m_Is(TIIpcMessage::Signal, testInterface, testMember));
+    }
+}
+
+TEST_F(LibdbusIsOfType, ACallWithoutInterfaceIsOneOfAnyInterface) {
+    Receive(m_message, GioMessage(g_dbus_message_new_method_call(testBus, testPath, nullptr, testMember)));
+    EXPECT_TRUE(m_Is(TIIpcMessage::MethodCall, testInterface, testMember));
+    EXPECT_TRUE(m_Is(TIIpcMessage::MethodCall, "a.b", testMember));
+    EXPECT_FALSE(m_Is(TIIpcMessage::MethodCall, testInterface, "Other"));
 }

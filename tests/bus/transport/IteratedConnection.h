@@ -1,0 +1,62 @@
+#ifndef MAVIX_TEST_ITERATED_CONNECTION_H
+#define MAVIX_TEST_ITERATED_CONNECTION_H
+
+#include "DbusConnection.h"
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <pthread.h>
+#include <thread>
+
+namespace MavixTest {
+
+// While one lives, a thread of the test iterates the default context; all of them share it.
+class TCDefaultContextThread final {
+public:
+    static constexpr const char* name = "DefaultContext";
+
+    static std::shared_ptr<TCDefaultContextThread> Get() {
+        static std::mutex& mutex = *new std::mutex;
+        static auto& known = *new std::weak_ptr<TCDefaultContextThread>;
+        const std::lock_guard<std::mutex> lock(mutex);
+        std::shared_ptr<TCDefaultContextThread> thread = known.lock();
+        if (!thread) {
+            thread = std::make_shared<TCDefaultContextThread>();
+            known = thread;
+        }
+        return thread;
+    }
+
+    TCDefaultContextThread()
+        : m_thread([this] {
+              pthread_setname_np(pthread_self(), name);
+              while (!m_done) {
+                  g_main_context_iteration(nullptr, TRUE);
+              }
+          }) {}
+    ~TCDefaultContextThread() {
+        m_done = true;
+        g_main_context_wakeup(nullptr);
+        m_thread.join();
+    }
+
+private:
+    std::atomic<bool> m_done{false};
+    std::thread m_thread;
+};
+
+// A part of a connection that must outlive the rest of it.
+struct IteratedDefaultContext {
+    std::shared_ptr<TCDefaultContextThread> thread = TCDefaultContextThread::Get();
+};
+
+// A connection that is dispatched on the default context, which is iterated.
+class TCIteratedDbusConnection final : private IteratedDefaultContext, public MavixApiLite::TCDbusConnection {
+public:
+    TCIteratedDbusConnection() : TCDbusConnection(1, true) {}
+};
+
+} // namespace MavixTest
+
+#endif
