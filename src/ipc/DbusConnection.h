@@ -17,13 +17,13 @@
 
 namespace MavixApiLite {
 
-// A connection over libdbus. Connects on a thread of its own, with a second between attempts; of 60 failed
-// ones an assertion is raised, of another number a log line tells. Incoming messages of every type go to the
-// owner, on a dispatch thread of the connection's own or on the thread that iterates the default context. The
-// mutex guards connect, the wait for it and clean-up; it is never held during a bus request.
+// A connection over libdbus. Connects on a thread of its own, with a second between attempts; 60 failed ones
+// raise an assertion, any other number ends in a log line. Incoming messages of every type go to the owner,
+// on a dispatch thread of the connection's own or on the thread that iterates the default context. The mutex
+// guards connect, the wait for it and clean-up; it is never held during a bus request.
 //
-// SendWithReply and BusHasOwner are woken by the thread that dispatches: there they wait for ever. AddMatch
-// does not wait for the bus; RemoveMatch and ReleaseName do, on any thread. GetUniqueName throws
+// SendWithReply and BusHasOwner wait for ever on the thread that dispatches, which would have to wake them.
+// AddMatch does not wait for the bus; RemoveMatch and ReleaseName do, on any thread. GetUniqueName throws
 // std::logic_error when the bus gave none.
 class MAVIX_API_EXPORT TCDbusConnection : public TIIpcConnection, public TIIpcMessageAllocator {
 public:

@@ -16,17 +16,10 @@ namespace MavixApiLite {
 struct SignalSemaphore;
 class TCDbusWaitingCall;
 
-// Dispatches a libdbus connection on a main context. libdbus changes its watches and timeouts on the thread
-// that sends, and dbus-glib, which turns them into sources of a main context, uses them on the thread that
-// dispatches without a lock. So dbus-glib gets an inner main context of its own, which only this source
-// iterates, on the dispatch context and under one lock. The lock is free while the dispatch context polls
-// and while a message is in the hands of the connection's owner; senders hold it during calls into libdbus.
-// Nothing under it calls back into the library, except to signal a semaphore.
-//
-// When the bus is lost, libdbus makes an error reply for each pending call and forgets the call, so that the
-// reply comes to the filters and nobody is notified. A filter of this source gives it to the call that waits.
-//
-// Belongs to the connection, in a data slot of which it is kept, and to the dispatch context.
+// Dispatches a libdbus connection on a main context: dbus-glib's sources live on an inner context, which this
+// source iterates under one lock, free while the dispatch context polls and while a message is with the
+// connection's owner. Also gives calls that wait their end when the bus is lost. Kept in a data slot of the
+// connection. Nothing under the lock calls back into the library, except to signal a semaphore.
 class TCDbusDispatchSource final {
 public:
     // Dispatches on `context`, or on the default context. False when memory has run out.
