@@ -76,11 +76,23 @@ constexpr const char* broken6 = "IpcClient|[API_LITE] Reply message is broken. R
 constexpr const char* noByte = "IpcClient|[API_LITE] Expected DBUS_TYPE_BYTE.";
 constexpr const char* noParameter = "IpcClient|Expected parameter";
 constexpr const char* noArray = "IpcClient|[API_LITE] Expected bytes array";
-constexpr const char* noMore = "GdbusMessage|No more params";
-constexpr const char* notAnArray = "GdbusMessage|Expected array!";
-constexpr const char* notAByte = "GdbusMessage|Expected byte!";
+
+// A line of the message's own.
+std::string OfMessage(const std::string& text) {
+    return std::string(ClientRow().messageSource) + "|" + text;
+}
+
+std::string TypeError(const char* text) {
+    return OfMessage(std::string(text) + ClientRow().typeErrorMark);
+}
 
 TEST_F(Answer, OfEveryBrokenKindIsRefusedAndLeavesItsLines) {
+    const std::string noMore = OfMessage(ClientRow().noMoreArguments);
+    const std::string noArguments = OfMessage(ClientRow().noArguments);
+    const std::string notAnArray = TypeError("Expected array");
+    const std::string notAByte = TypeError("Expected byte");
+    // Of two numbers.
+    const Bytes wide = ClientRow().wideArraysAreWhole ? Bytes{4, 3, 2, 1, 8, 7, 6, 5} : Bytes{4, 3};
     const struct {
         const char* name;
         Behaviour behaviour;
@@ -91,14 +103,14 @@ TEST_F(Answer, OfEveryBrokenKindIsRefusedAndLeavesItsLines) {
     } rows[] = {
         {"broken byte", Behaviour::BrokenByte, Variant(0), false, {}, {broken0}},
         {"broken byte with block", Behaviour::BrokenByte, Variant(1), false, {}, {broken6}},
-        {"no arguments", Behaviour::EmptyReturn, {}, false, {}, {"GdbusMessage|No body!", noByte}},
+        {"no arguments", Behaviour::EmptyReturn, {}, false, {}, {noArguments, noByte}},
         {"siay", Behaviour::WrongTypes, Variant(0), false, {}, {notAByte, noByte}},
         {"iiay", Behaviour::WrongTypes, Variant(1), false, {}, {notAByte, noByte}},
         {"y", Behaviour::WrongTypes, Variant(2), false, {}, {noMore, noParameter}},
         {"yi", Behaviour::WrongTypes, Variant(3), false, {}, {noMore, noArray}},
         {"yis", Behaviour::WrongTypes, Variant(4), false, {}, {notAnArray, noArray}},
         {"yias", Behaviour::WrongTypes, Variant(5), false, {}, {notAnArray, noArray}},
-        {"yiai", Behaviour::WrongTypes, Variant(6), true, Bytes{4, 3, 2, 1, 8, 7, 6, 5}, {}},
+        {"yiai", Behaviour::WrongTypes, Variant(6), true, wide, {}},
         {"yiv", Behaviour::WrongTypes, Variant(7), false, {}, {notAnArray, noArray}},
         {"yay", Behaviour::WrongTypes, Variant(8), false, {}, {noMore, noArray}},
         {"ysay", Behaviour::WrongTypes, Variant(9), true, Bytes{9}, {}},

@@ -1,6 +1,7 @@
 #ifndef MAVIX_TEST_CLIENT_BUS_H
 #define MAVIX_TEST_CLIENT_BUS_H
 
+#include "ClientTransport.h"
 #include "IPCConnection_C.h"
 #include "RecordingPlatform.h"
 #include "SimDriver.h"

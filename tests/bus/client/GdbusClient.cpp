@@ -1,0 +1,9 @@
+#include "ClientTransport.h"
+
+namespace MavixTest {
+
+const TransportRow& ClientRow() {
+    return gdbusRow;
+}
+
+} // namespace MavixTest
