@@ -12,6 +12,7 @@
 #include "MavixAssert.h"
 
 #include <climits>
+#include <new>
 #include <stdexcept>
 #include <utility>
 
@@ -183,9 +184,11 @@ TIIpcMessageAllocator* TCDbusConnection::GetMessageAllocatorInstance() {
 
 std::unique_ptr<TIIpcMessage> TCDbusConnection::NewMessage(void* raw) {
     MAVIX_LOGD("[API_LITE] called");
-    auto message = std::make_unique<TCDbusMessage>();
-    if (raw != nullptr) {
-        message->SetRawMessage(raw);
+    DbusMessageHandle adopted(static_cast<DBusMessage*>(raw));
+    // The dispatch thread, which is in C frames, comes here, too.
+    std::unique_ptr<TIIpcMessage> message(new (std::nothrow) TCDbusMessage);
+    if (message && adopted) {
+        message->SetRawMessage(adopted.release());
     }
     return message;
 }
@@ -321,7 +324,8 @@ bool TCDbusConnection::m_HandleMessage(DBusMessage* raw) {
         MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, function, "No owner!");
         return false;
     }
-    const std::unique_ptr<TIIpcMessage> message = NewMessage(dbus_message_ref(raw));
+    // Not through the table, which destruction may be changing at the moment.
+    const std::unique_ptr<TIIpcMessage> message = TCDbusConnection::NewMessage(dbus_message_ref(raw));
     if (!message) {
         MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, function, "No message!");
         return false;

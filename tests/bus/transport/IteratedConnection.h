@@ -28,20 +28,23 @@ public:
         return thread;
     }
 
-    TCDefaultContextThread()
-        : m_thread([this] {
-              pthread_setname_np(pthread_self(), name);
-              while (!m_done) {
-                  g_main_context_iteration(nullptr, TRUE);
-              }
-          }) {}
+    // The context is made here, because making it is what GLib hands over unseen.
+    TCDefaultContextThread() : m_context(g_main_context_default()) {
+        m_thread = std::thread([this] {
+            pthread_setname_np(pthread_self(), name);
+            while (!m_done) {
+                g_main_context_iteration(m_context, TRUE);
+            }
+        });
+    }
     ~TCDefaultContextThread() {
         m_done = true;
-        g_main_context_wakeup(nullptr);
+        g_main_context_wakeup(m_context);
         m_thread.join();
     }
 
 private:
+    GMainContext* const m_context;
     std::atomic<bool> m_done{false};
     std::thread m_thread;
 };

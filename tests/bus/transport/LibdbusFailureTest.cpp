@@ -16,6 +16,7 @@
 #include <atomic>
 #include <climits>
 #include <functional>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -40,6 +41,11 @@ struct TestAccess {
 };
 
 } // namespace MavixApiLite
+
+// The one that gives null when memory has run out.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return MavixTest::TCLibdbusFault::Fails("operator new") ? nullptr : ::operator new(size);
+}
 
 namespace MavixTest {
 
@@ -459,22 +465,16 @@ TEST_F(LibdbusFailure, AMessageWithoutAnOwnerIsLeftToLibdbus) {
     EXPECT_EQ("m_MessageHandlerHelper", m_log.LinesWith("No owner!").at(0).function);
 }
 
-// An application's own allocator may run out of messages.
-class WithoutMessages final : public TCDbusConnection {
-public:
-    WithoutMessages() : TCDbusConnection(1, false) {}
-    std::unique_ptr<TIIpcMessage> NewMessage(void* raw) override {
-        DeleteRawMessage(raw);
-        return nullptr;
-    }
-};
-
 TEST_F(LibdbusFailure, AMessageThatCannotBeWrappedIsLeftToLibdbus) {
     TCRecordingOwner owner;
-    WithoutMessages connection;
+    TCDbusConnection connection(1, false);
     TestAccess::SetOwner(connection, &owner);
     const DbusMessageHandle message(dbus_message_new_signal("/p", "a.b", "M"));
-    EXPECT_FALSE(TestAccess::HandleMessage(connection, message.get()));
+    {
+        const TCLibdbusFault fault("operator new");
+        EXPECT_FALSE(TestAccess::HandleMessage(connection, message.get()));
+        EXPECT_EQ(nullptr, connection.NewMessage(nullptr));
+    }
     EXPECT_EQ(1U, m_log.Count(errorLine, "No message!"));
     EXPECT_TRUE(owner.Messages().empty());
 }
