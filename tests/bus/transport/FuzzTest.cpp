@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <stdexcept>
 
 // Messages of random types. What GLib complains about fails a test; what libdbus complains about ends the
@@ -101,9 +102,8 @@ TYPED_TEST(FuzzTest, MessagesOfRandomTypesAreReadInEveryWay) {
 }
 
 // The client over libdbus gets messages of random types; some have the members of events, most of which are
-// malformed then. Its output says that it lives.
+// malformed then. The bus is that of the test. Its output says that it lives.
 MAVIX_CHILD(FuzzTheClient) {
-    const TCPrivateBus bus;
     auto owned = std::make_unique<TCDbusConnection>(1, false);
     MavixApiLite::TIIpcConnection* connection = owned.get();
     auto configuration = std::make_unique<IpcConfigurationMavix>("com.norvale.Mavix.SignalIFace",
@@ -115,7 +115,7 @@ MAVIX_CHILD(FuzzTheClient) {
         client.SetCallbackFunction(static_cast<EIPCMessageType>(type),
                                    [](int, const char*, int) { ++*counter; });
     }
-    RandomPeer peer(bus.Address(), connection->GetUniqueName());
+    RandomPeer peer(std::getenv("DBUS_SYSTEM_BUS_ADDRESS"), connection->GetUniqueName());
     static const char* const eventMembers[] = {"Signal",  "PipelineSignal", "Data",
                                                "Program", "Section",        "Ht"};
     static const char* const busMembers[] = {"Introspect", "NameOwnerChanged", "Anything"};
@@ -145,6 +145,7 @@ MAVIX_CHILD(FuzzTheClient) {
 using FuzzedClient = FlavourFixture;
 
 TEST_F(FuzzedClient, OverLibdbusSurvivesMessagesOfRandomTypesAndLibdbusPrintsNothing) {
+    const TCPrivateBus bus;
     const ChildResult result =
         RunChildProgram("FuzzTheClient", releaseFlavour, {}, std::chrono::seconds(400));
     EXPECT_EQ(0, result.exitCode) << result.signal;
