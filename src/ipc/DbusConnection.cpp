@@ -202,15 +202,19 @@ void (*TCDbusConnection::GetRawMessageDeleter())(void*) {
 }
 
 void TCDbusConnection::t_CleanupConnection() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     if (m_connectingThread.joinable()) {
         m_connectingThread.join();
     }
+    // A message that is dispatched right now may make a request that waits for the connect, and so for the
+    // lock.
+    lock.unlock();
     m_mainLoopHandler.reset();
     if (!m_connection) {
         return;
     }
     TCDbusDispatchSource::Detach(m_connection.get());
+    lock.lock();
     if (m_owner != nullptr) {
         dbus_connection_remove_filter(m_connection.get(), m_MessageHandlerHelper, this);
         m_owner = nullptr;
