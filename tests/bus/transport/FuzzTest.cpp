@@ -13,8 +13,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-// Messages of random types. What GLib complains about fails a test; what libdbus complains about ends the
-// process.
+// Messages of random types. What libdbus complains about ends the process.
 
 namespace MavixTest {
 
@@ -73,20 +72,17 @@ private:
     TCRandomBody m_body{1};
 };
 
-template <class Connection>
-class FuzzTest : public TransportTest<Connection> {};
+// GIO itself gives up some of these messages, and the connection with them.
+using LibdbusFuzzTest = TransportTest<TCDbusConnection>;
 
-using FuzzedTransports = testing::Types<MavixApiLite::TCGdbusConnection, TCDbusConnection>;
-TYPED_TEST_SUITE(FuzzTest, FuzzedTransports, TransportNames);
-
-TYPED_TEST(FuzzTest, MessagesOfRandomTypesAreReadInEveryWay) {
+TEST_F(LibdbusFuzzTest, MessagesOfRandomTypesAreReadInEveryWay) {
     std::atomic<unsigned int> seen{0};
-    this->m_owner.onMessage = [&seen](TIIpcMessage& message) {
+    m_owner.onMessage = [&seen](TIIpcMessage& message) {
         ReadInEveryWay(message, seen++);
         return DbusBusWrapper::IsBusMessage(message) != DbusBusWrapper::NotABusMessage;
     };
-    ASSERT_TRUE(this->Connect(&this->m_owner));
-    RandomPeer peer(this->m_bus.Address(), this->m_connection->GetUniqueName());
+    ASSERT_TRUE(Connect(&m_owner));
+    RandomPeer peer(m_bus.Address(), m_connection->GetUniqueName());
     const unsigned int count = Scaled(fuzzMessages);
     unsigned int settled = 0;
     for (unsigned int sent = 0; sent < count; ++sent) {
