@@ -1,5 +1,6 @@
 #include "ChildProgram.h"
 
+#include "PrivateMounts.h"
 #include "RecordingPlatform.h"
 
 #include <algorithm>
@@ -11,7 +12,6 @@
 #include <map>
 #include <memory>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <sstream>
 #include <stdexcept>
@@ -36,23 +36,6 @@ bool WriteFile(const std::string& path, const std::string& text) {
     std::ofstream file(path);
     file << text;
     return static_cast<bool>(file.flush());
-}
-
-// A mount namespace of our own; without privileges one inside a user namespace.
-bool EnterPrivateMounts() {
-    const uid_t user = getuid();
-    const gid_t group = getgid();
-    if (unshare(CLONE_NEWNS) != 0) {
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
-            return false;
-        }
-        WriteFile("/proc/self/setgroups", "deny");
-        if (!WriteFile("/proc/self/uid_map", std::to_string(user) + " " + std::to_string(user) + " 1") ||
-            !WriteFile("/proc/self/gid_map", std::to_string(group) + " " + std::to_string(group) + " 1")) {
-            return false;
-        }
-    }
-    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
 // Puts a new folder in the place of /etc: the old entries, as links to where `keep` shows them, and the

@@ -1,4 +1,5 @@
 #include "DbusBusWrapper.h"
+#include "IPCCache.h"
 #include "IpcAuxData.h"
 #include "IpcMessage.h"
 #include "IpcTypes.h"
@@ -23,6 +24,12 @@ TEST(Enumerations, Have32Bits) {
     EXPECT_TRUE(is32Bits<EIPCMessageType>);
     EXPECT_TRUE(is32Bits<TIIpcMessage::IpcMessageType>);
     EXPECT_TRUE(is32Bits<DbusBusWrapper::EBusMessage>);
+    EXPECT_TRUE(is32Bits<IPCCache::AccessType>);
+}
+
+TEST(Enumerations, AccessTypesHaveTheirNumbers) {
+    EXPECT_EQ(0, static_cast<int>(IPCCache::AccessType::Read));
+    EXPECT_EQ(1, static_cast<int>(IPCCache::AccessType::Write));
 }
 
 TEST(Enumerations, EventTypesHaveTheirNumbers) {

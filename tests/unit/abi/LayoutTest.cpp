@@ -8,12 +8,14 @@
 #include "GdbusConnection.h"
 #include "GdbusError.h"
 #include "GdbusMessage.h"
+#include "IPCCachePrivate.h"
 #include "IpcAuxData.h"
 #include "IpcClient.h"
 #include "IpcConfigurationMavix.h"
 #include "MessageBuffer.h"
 #include "MessageFilterContext.h"
 #include "PerformanceLogger.h"
+#include "RobustRWLock.h"
 #include "SessionControlProxy.h"
 #include "WatchdogHandler.h"
 
@@ -268,6 +270,30 @@ struct TestAccess {
                 FIELD(m_sessionState)};
     }
 
+    static Fields Of(const RobustRWLock& object) {
+        static_assert(isA<decltype(object.m_fd), int>);
+        static_assert(isA<decltype(object.m_path), std::string>);
+        return {FIELD(m_fd), FIELD(m_path)};
+    }
+
+    static Fields Of(const IPCCache& object) {
+        static_assert(isPointerSized<decltype(object.d)>);
+        return {FIELD(d)};
+    }
+
+    static Fields Of(const IPCCachePrivate& object) {
+        static_assert(isA<decltype(object.m_accessType), IPCCache::AccessType>);
+        static_assert(isA<decltype(object.m_lock), RobustRWLock>);
+        static_assert(isA<decltype(object.m_mutex), std::mutex>);
+        static_assert(isPointerSized<decltype(object.m_shm)>);
+        static_assert(isPointerSized<decltype(object.m_region)>);
+        static_assert(isPointerSized<decltype(object.m_manager)>);
+        static_assert(isA<decltype(object.m_name), std::string>);
+        static_assert(isA<decltype(object.m_size), unsigned long>);
+        return {FIELD(m_accessType), FIELD(m_lock),    FIELD(m_mutex), FIELD(m_shm),
+                FIELD(m_region),     FIELD(m_manager), FIELD(m_name),  FIELD(m_size)};
+    }
+
     // What a started handler shares with the record that GLib keeps of its source.
     static const GSource* Source(const TCGSourceHandler& handler) { return handler.m_pGSource.get(); }
     static const GAsyncQueue* Queue(const TCGSourceHandler& handler) { return handler.m_pAsyncQueue.get(); }
@@ -361,6 +387,16 @@ TEST(Layout, OfTheMainLoopHandler) {
 
 TEST(Layout, OfTheWatchdogNotification) {
     ExpectLayout(TestAccess::WatchdogNotification{}, noTable);
+}
+
+TEST(Layout, OfTheFileLock) {
+    ExpectLayout(RobustRWLock("name"), noTable);
+}
+
+// A name that is refused: no file is made.
+TEST(Layout, OfTheCache) {
+    ExpectLayout(IPCCache("..", IPCCache::AccessType::Read), noTable);
+    ExpectLayout(IPCCachePrivate("..", IPCCache::AccessType::Read, 4096), noTable);
 }
 
 TEST(Layout, OfTheClient) {
