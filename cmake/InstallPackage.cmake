@@ -1,4 +1,5 @@
-# What those who build against the installed library find it by: the pkg-config file and the CMake package.
+# What is installed beside the library: the pkg-config file and the CMake package, by which those who build against
+# it find it, and the lock files of caches.
 include(CMakePackageConfigHelpers)
 
 set(mavix_pc_folder ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
@@ -20,3 +21,12 @@ install(FILES
   ${PROJECT_BINARY_DIR}/package/MavixApiConfigVersion.cmake
   DESTINATION ${mavix_package_folder})
 install(EXPORT MavixApiTargets NAMESPACE MavixApi:: DESTINATION ${mavix_package_folder})
+
+# For systemd-tmpfiles.
+set(MAVIX_CACHE_LOCK_FILES "")
+foreach(name IN LISTS MAVIX_CACHE_NAMES)
+  string(APPEND MAVIX_CACHE_LOCK_FILES
+    "f /run/${name}_cache_lock 0777 ${MAVIX_CACHE_OWNER_UID} ${MAVIX_CACHE_OWNER_GID} -\n")
+endforeach()
+configure_file(${PROJECT_SOURCE_DIR}/packaging/mavix-cache.conf.in ${PROJECT_BINARY_DIR}/package/mavix-cache.conf @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/package/mavix-cache.conf DESTINATION lib/tmpfiles.d)

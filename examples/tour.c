@@ -7,13 +7,18 @@
 
 #include "control.h"
 
+#include <mavix-api/IPCCache_C.h>
 #include <mavix-api/IPCConnection_C.h>
 #include <mavix-api/SessionControl_C.h>
 
+#include <errno.h>
+#include <fcntl.h>
 #include <glib.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 /* Any interface answers with what it was sent, except the stand-in's own, whose function codes are
@@ -96,7 +101,7 @@ static void open_session(void) {
 }
 
 static void close_session(void) {
-    say("8. We close the session twice. The service sees the last close.\n");
+    say("9. We close the session twice. The service sees the last close.\n");
     require(SessionControl__Close() == 0, "the first close failed");
     show_sessions("open");
     require(SessionControl__Close() == 0, "the session could not be closed");
@@ -194,6 +199,52 @@ static void outlive_the_service(void) {
     call_and_check("Are you well again?");
 }
 
+/* Why this process may not use a cache; null when it may. Whoever uses one gives its lock file mode and
+ * owner. */
+static const char* what_forbids(const char* lock_file) {
+    const int file = open(lock_file, O_RDONLY | O_CREAT | O_CLOEXEC, 0666);
+    const bool may = file >= 0 && fchmod(file, 0777) == 0 &&
+                     fchown(file, MAVIX_CACHE_OWNER_UID, MAVIX_CACHE_OWNER_GID) == 0;
+    const char* const reason = may ? NULL : strerror(errno);
+    if (file >= 0)
+        close(file);
+    return reason;
+}
+
+static void read_and_reset(void* writer, void* reader, const char* value) {
+    char* read = NULL;
+    size_t size = 0;
+    require(IPCCache_GetData(reader, "volume", 1, &read, &size), "the cache has no value");
+    require(size == strlen(value) && memcmp(read, value, size) == 0, "the cache has another value");
+    say("   A reader finds \"%.*s\".\n", (int)size, read);
+    TCFreeMemory(read);
+    require(IPCCache_ResetData(writer, "volume", 1), "the value could not be reset");
+    require(!IPCCache_GetData(reader, "volume", 1, &read, &size), "a value is still there after its reset");
+    say("   We reset it, and the reader finds nothing.\n");
+}
+
+static void share_a_value(void) {
+    const char* const value = "42 percent";
+    char* name = g_strdup_printf("mavix-tour-%d", (int)getpid());
+    char* lock_file = g_strdup_printf("/run/%s_cache_lock", name);
+    void* writer = IPCCache_CreateWriter(name);
+    void* reader = IPCCache_CreateReader(name);
+    say("8. We write a value into a cache, which any process may read without asking the service.\n");
+    IPCCache_SetData(writer, "volume", 1, value, strlen(value));
+    const char* const reason = what_forbids(lock_file);
+    if (reason == NULL)
+        read_and_reset(writer, reader, value);
+    else
+        say("   We may not: the cache's lock file %s cannot be made ours: %s.\n", lock_file, reason);
+    IPCCache_Destroy(reader);
+    IPCCache_Destroy(writer);
+    /* A cache outlives its processes. This one is not to. */
+    shm_unlink(name);
+    unlink(lock_file);
+    g_free(lock_file);
+    g_free(name);
+}
+
 int main(void) {
     create();
     open_session();
@@ -202,6 +253,7 @@ int main(void) {
     receive_events();
     be_refused();
     outlive_the_service();
+    share_a_value();
     close_session();
     say("That was the tour: every step held.\n");
     return EXIT_SUCCESS;
