@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <utility>
 
 namespace ipc = boost::interprocess;
 namespace Layout = MavixApiLite::SegmentLayout;
@@ -194,7 +195,13 @@ void IPCCachePrivate::m_ConstructSegment() {
     std::atomic_signal_fence(std::memory_order_seq_cst);
     std::memset(m_Page(), 0, size);
     std::atomic_signal_fence(std::memory_order_seq_cst);
-    m_manager = std::make_unique<Manager>(ipc::create_only, m_Page(), size);
+    Manager created(ipc::create_only, m_Page(), size);
+    // In place of an older one nothing is allocated, and so nothing can fail.
+    if (m_manager) {
+        m_manager->swap(created);
+    } else {
+        m_manager = std::make_unique<Manager>(std::move(created));
+    }
 }
 
 bool IPCCachePrivate::m_ObjectHasSize(unsigned long size) const {

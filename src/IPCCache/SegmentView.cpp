@@ -24,10 +24,18 @@ TCSegmentView::Search TCSegmentView::Find(std::string_view name, Object& object)
             return Search::Absent;
         }
         std::size_t node = 0;
-        if (!NodeAt(place, distance, node) || !ObjectAt(node, object)) {
+        if (!NodeAt(place, distance, node)) {
             return Search::Corrupt;
         }
-        const int order = Compare(name, object.name);
+        // Names are ordered by their length first: most of them need not be looked at.
+        const std::size_t length = m_Value<std::uint16_t>(node + Layout::nameLength);
+        int order = name.size() < length ? -1 : 1;
+        if (name.size() == length) {
+            if (!ObjectAt(node, object)) {
+                return Search::Corrupt;
+            }
+            order = Compare(name, object.name);
+        }
         if (order == 0) {
             return Search::Found;
         }
@@ -40,15 +48,11 @@ TCSegmentView::Search TCSegmentView::Find(std::string_view name, Object& object)
 bool TCSegmentView::NodeAt(std::size_t place, std::size_t distance, std::size_t& node) const {
     node = place + distance;
     return node % Layout::word == 0 && node >= Layout::firstBlock && node < m_size &&
-           m_size - node >= Layout::nodeSize;
+           m_size - node > Layout::value;
 }
 
 bool TCSegmentView::ObjectAt(std::size_t node, Object& object) const {
-    std::size_t left = m_size - node;
-    if (left <= Layout::value) {
-        return false;
-    }
-    left -= Layout::value;
+    const std::size_t left = m_size - node - Layout::value;
     object.offset = node + Layout::value;
     object.size = Word(node + Layout::valueBytes);
     object.alignment = m_Value<unsigned char>(node + Layout::valueAlignment);

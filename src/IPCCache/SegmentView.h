@@ -31,7 +31,7 @@ public:
     Search Find(std::string_view name, Object& object) const;
 
     // The word at a place, the node that a distance leads to from there, and the object whose node it is. The
-    // latter two are false where that does not lie behind the header and inside the page.
+    // latter two are false where that, or what belongs to it, does not lie behind the header and in the page.
     std::size_t Word(std::size_t offset) const { return m_Value<std::size_t>(offset); }
     bool NodeAt(std::size_t place, std::size_t distance, std::size_t& node) const;
     bool ObjectAt(std::size_t node, Object& object) const;
