@@ -13,14 +13,17 @@ using AccessType = IPCCache::AccessType;
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-// Most instructions are the sanitizers' own.
-constexpr unsigned int stride = 7 * 41;
-#else
 constexpr unsigned int stride = 7;
+
+// Of the sections that are many times as long. Where most instructions are a sanitizer's, it is the others
+// that are as long, and these are left out.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool isSlow = true;
+constexpr unsigned int longSectionKills = 4;
+#else
+constexpr bool isSlow = false;
+constexpr unsigned int longSectionKills = 12;
 #endif
-// In the sections that are many times as long.
-constexpr unsigned int longSectionKills = 40;
 
 class StepKill : public CacheFixture {
 protected:
@@ -109,6 +112,10 @@ TEST_F(StepKill, WithinAWriteLeavesNoTornValueAndTheNextWriterRecovers) {
     IPCCache reader(Name(), AccessType::Read);
     std::uint64_t number = 0;
     for (const Row& row : rows) {
+        if (isSlow && !row.fromGuard) {
+            std::printf("%s: left out under a sanitizer\n", row.name);
+            continue;
+        }
         const auto prepare = [&] {
             Prepare(cache, ++number);
             row.prepare(cache);
@@ -135,7 +142,7 @@ TEST_F(StepKill, WithinAWriteLeavesNoTornValueAndTheNextWriterRecovers) {
             }
         }
         unsigned int kills = 0;
-        const unsigned int step = row.fromGuard ? stride : section.length / longSectionKills + 1;
+        const unsigned int step = !isSlow && row.fromGuard ? stride : section.length / longSectionKills + 1;
         for (unsigned int at = 0; at <= section.length && !HasFailure(); at += step) {
             ExpectWriterRecovers(cache, ++number);
             prepare();
@@ -157,6 +164,6 @@ TEST_F(StepKill, WithinAWriteLeavesNoTornValueAndTheNextWriterRecovers) {
         }
         readers.ExpectWell();
         std::printf("%s: %u instructions, %u kills\n", row.name, section.length, kills);
-        EXPECT_LT(10U, kills);
+        EXPECT_LE(longSectionKills, kills);
     }
 }
