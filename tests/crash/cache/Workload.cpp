@@ -5,8 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <memory>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -93,7 +95,7 @@ SharedCount* NewSharedCounts(unsigned int count) {
 }
 
 TCReaders::TCReaders(const std::string& cacheName, unsigned int count)
-    : m_counts(static_cast<Counts*>(SharedMemory(count * sizeof(Counts)))) {
+    : m_counts(static_cast<Counts*>(SharedMemory(std::max(count, 1U) * sizeof(Counts)))) {
     for (unsigned int at = 0; at < count; ++at) {
         const pid_t process = fork();
         if (process == 0) {
@@ -109,17 +111,22 @@ TCReaders::~TCReaders() {
         kill(process, SIGKILL);
         waitpid(process, nullptr, 0);
     }
-    munmap(m_counts, m_processes.size() * sizeof *m_counts);
+    munmap(m_counts, std::max<std::size_t>(m_processes.size(), 1) * sizeof *m_counts);
 }
 
 void TCReaders::m_Read(const std::string& cacheName, Counts& counts) {
-    IPCCache cache(cacheName, IPCCache::AccessType::Read);
+    constexpr unsigned int roundsOfOneCache = 8;
+    std::unique_ptr<IPCCache> cache;
     std::mt19937 random(static_cast<unsigned int>(getpid()));
     for (;;) {
+        // Now and then anew: a test may have replaced the object.
+        if (counts.rounds % roundsOfOneCache == 0) {
+            cache = std::make_unique<IPCCache>(cacheName, IPCCache::AccessType::Read);
+        }
         for (unsigned int key = 0; key < workKeys; ++key) {
             char* bytes = nullptr;
             unsigned long size = 0;
-            if (cache.getDataNew(KeyName(key), &bytes, &size)) {
+            if (cache->getDataNew(KeyName(key), &bytes, &size)) {
                 ++(IsWhole(key, std::string(bytes, size)) ? counts.values : counts.torn);
                 TCFreeMemory(bytes);
             }
