@@ -12,9 +12,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// Of coverage builds only: it saves what a process has run.
-extern "C" void __gcov_dump() __attribute__((weak));
-
 namespace MavixTest {
 
 namespace {
@@ -69,9 +66,6 @@ bool HoldsInChild(const std::function<void()>& body) {
             std::printf("%s", lines.str().c_str());
         }
         std::fflush(nullptr);
-        if (__gcov_dump != nullptr) {
-            __gcov_dump();
-        }
         _exit(testing::Test::HasFailure() ? 1 : 0);
     }
     return WaitForEnd(child) == 0;

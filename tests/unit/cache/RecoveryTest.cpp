@@ -253,6 +253,46 @@ TEST_F(Recovery, ADamagedPageIsRefusedByReadersAndStartedAfreshByTheNextWrite) {
     }
 }
 
+TEST_F(Recovery, AnyOneDamagedWordLeavesReadersAliveAndTheNextWriterWorking) {
+    IPCCache writer(Name(), AccessType::Write);
+    IPCCache reader(Name(), AccessType::Read);
+    for (const char* key : {"a", "b", "c", "d", "longer", "a key longer than the guard's"}) {
+        Set(writer, key, "value");
+    }
+    // Free blocks between the others.
+    writer.resetData("b");
+    writer.resetData("d");
+    const std::string whole(TestAccess::Page(writer), cachePageSize);
+    const std::vector<std::size_t (*)(std::size_t)> damages = {
+        [](std::size_t) { return std::size_t{0}; },
+        [](std::size_t) { return std::size_t{1}; },
+        [](std::size_t) { return ~std::size_t{0}; },
+        [](std::size_t word) { return word + 8; },
+        [](std::size_t word) { return word - 8; },
+        [](std::size_t word) { return word + 16; },
+        [](std::size_t word) { return word + 1; },
+        [](std::size_t word) { return word ^ 2U; },
+        [](std::size_t word) { return word ^ Layout::allocatedBit; },
+        [](std::size_t word) { return word ^ Layout::previousAllocatedBit; },
+        [](std::size_t word) { return word + 4096; },
+    };
+    // What lies behind these is free.
+    constexpr std::size_t used = 800;
+    for (std::size_t offset = 0; offset < cachePageSize; offset += offset == used ? 3200 - 8 : 8) {
+        for (std::size_t damage = 0; damage < damages.size(); ++damage) {
+            std::memcpy(TestAccess::Page(writer), whole.data(), whole.size());
+            Word(TestAccess::Page(writer), offset) = damages[damage](Word(TestAccess::Page(writer), offset));
+            Get(reader, "a");
+            Get(reader, "a key longer than the guard's");
+            ForgetLines();
+            Set(writer, "b", "thing");
+            ASSERT_EQ("thing", Get(reader, "b")) << "word at " << offset << ", damage " << damage;
+            ASSERT_TRUE(IsSoundSegment(TestAccess::Page(writer), cachePageSize))
+                << "word at " << offset << ", damage " << damage;
+        }
+    }
+}
+
 TEST_F(Recovery, AnObjectThatWasCutUnderAWriterIsMadeAnew) {
     for (const off_t size : {off_t{0}, off_t{100}, off_t{8192}}) {
         IPCCache writer(Name(), AccessType::Write);
