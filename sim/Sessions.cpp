@@ -2,6 +2,7 @@
 
 #include "Trampoline.h"
 
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 namespace MavixSim {
@@ -15,8 +16,9 @@ constexpr std::int32_t nothingChanged = 1;
 constexpr std::int32_t notTerminated = 0;
 
 void Append(Bytes& bytes, std::int32_t value) {
-    const auto* first = reinterpret_cast<const std::uint8_t*>(&value);
-    bytes.insert(bytes.end(), first, first + sizeof value);
+    const std::size_t position = bytes.size();
+    bytes.resize(position + sizeof value);
+    std::memcpy(bytes.data() + position, &value, sizeof value);
 }
 
 Bytes Result(std::int32_t value) {
