@@ -2,7 +2,7 @@
 
 #include "FakeRegistry.h"
 #include "FlavourFixture.h"
-#include "MessageBuffer.h"
+#include "MockClient.h"
 #include "RecordingPlatform.h"
 
 #include <gmock/gmock.h>
@@ -24,23 +24,6 @@ using testing::StrictMock;
 namespace {
 
 constexpr const char* interfaceName = "com.norvale.ITest";
-
-class MockClient : public TIIpcClient {
-public:
-    MOCK_METHOD(bool, AddMatchRule, (EIPCMessageType, int, const MAVIXHandle&), (override));
-    MOCK_METHOD(bool, RemoveMatchRule, (EIPCMessageType, int, const MAVIXHandle&), (override));
-    MOCK_METHOD(bool, Call, (const std::string&, short, TCMessageBuffer&, TCMessageBuffer&), (override));
-    MOCK_METHOD(bool, CallAsync, (const std::string&, short, TCMessageBuffer&), (override));
-    MOCK_METHOD(bool, WaitForCreateInterface, (const char*), (override));
-    MOCK_METHOD(void, SetCallbackFunction, (EIPCMessageType, void (*)(int, const char*, int)), (override));
-    MOCK_METHOD(void, UnsetCallbackFunction, (EIPCMessageType), (override));
-    MOCK_METHOD(bool, UseBoostingInheritance, (bool), (override));
-};
-
-std::string TextOf(const TCMessageBuffer& buffer) {
-    const char* data = buffer.GetAsCStr(0);
-    return data != nullptr ? std::string(data, buffer.PayloadSize()) : "";
-}
 
 void IgnoreEvent(int, const char*, int) {}
 

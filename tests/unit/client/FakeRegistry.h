@@ -12,6 +12,8 @@ namespace MavixTest {
 struct FakeRegistry {
     static std::shared_ptr<MavixApiLite::TIIpcClient> client;
     static bool isGone;
+    static bool isForkedChild;
+    static bool fails; // asking throws
 };
 
 } // namespace MavixTest
