@@ -58,6 +58,10 @@ struct IteratedDefaultContext {
 class TCIteratedDbusConnection final : private IteratedDefaultContext, public MavixApiLite::TCDbusConnection {
 public:
     TCIteratedDbusConnection() : TCDbusConnection(1, true) {}
+    // While this is still the whole object, because the connecting thread may use it until then.
+    ~TCIteratedDbusConnection() override { t_CleanupConnection(); }
+    TCIteratedDbusConnection(const TCIteratedDbusConnection&) = delete;
+    TCIteratedDbusConnection& operator=(const TCIteratedDbusConnection&) = delete;
 };
 
 } // namespace MavixTest
