@@ -121,19 +121,29 @@ MAVIX_CHILD(ForkAfterUse) {
     return EchoWorks() ? 0 : 3;
 }
 
-TEST(Fork, AfterUseEverythingInTheChildFailsAtOnceAndTheParentGoesOn) {
-    const TCPrivateBus bus;
-    const TCSimProcess service(bus);
-    for (unsigned int at = 0; at < Scaled(100); ++at) {
+namespace {
+
+// Runs the child program again and again, every other time with other threads; each time it forks, its
+// children's functions fail with so many lines in all.
+void ExpectAtOnce(const char* program, unsigned int rounds, std::size_t lines) {
+    for (unsigned int at = 0; at < rounds; ++at) {
         const std::string threads = std::to_string(at % 2 * 4);
-        const ChildResult result = RunChildProgram("ForkAfterUse", plainFlavour, {threads});
+        const ChildResult result = RunChildProgram(program, plainFlavour, {threads});
         ASSERT_EQ(0, result.exitCode) << "threads: " << threads << ", signal " << result.signal << '\n'
                                       << result.errors;
-        EXPECT_EQ(15U, result.CountLines(
-                           6, "[API_LITE] no client: this process was forked after the client was created"))
+        EXPECT_EQ(lines, result.CountLines(
+                             6, "[API_LITE] no client: this process was forked after the client was created"))
             << result.errors;
         EXPECT_EQ(std::string::npos, result.errors.find("Assertion failed")) << result.errors;
     }
+}
+
+} // namespace
+
+TEST(Fork, AfterUseEverythingInTheChildFailsAtOnceAndTheParentGoesOn) {
+    const TCPrivateBus bus;
+    const TCSimProcess service(bus);
+    ExpectAtOnce("ForkAfterUse", Scaled(100), 15);
 }
 
 namespace {
@@ -180,16 +190,7 @@ MAVIX_CHILD(ForkInASession) {
 TEST(Fork, InASessionTheChildFailsAtOnceWhoeverHeldTheLocksAndTheParentGoesOn) {
     const TCPrivateBus bus;
     const TCSimProcess service(bus);
-    for (unsigned int at = 0; at < Scaled(40); ++at) {
-        const std::string threads = std::to_string(at % 2 * 4);
-        const ChildResult result = RunChildProgram("ForkInASession", plainFlavour, {threads});
-        ASSERT_EQ(0, result.exitCode) << "threads: " << threads << ", signal " << result.signal << '\n'
-                                      << result.errors;
-        EXPECT_EQ(150U, result.CountLines(
-                            6, "[API_LITE] no client: this process was forked after the client was created"))
-            << result.errors;
-        EXPECT_EQ(std::string::npos, result.errors.find("Assertion failed")) << result.errors;
-    }
+    ExpectAtOnce("ForkInASession", Scaled(40), 150);
 }
 
 MAVIX_CHILD(ForkBeforeUse) {
