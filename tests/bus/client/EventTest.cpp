@@ -1,6 +1,7 @@
 #include "ClientBus.h"
 
 #include "FlavourFixture.h"
+#include "ReceivedEvent.h"
 #include "TestScale.h"
 
 #include <cstring>
@@ -13,21 +14,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
-
-struct Event {
-    int type = 0;
-    int id = 0;
-    Bytes payload;
-
-    bool operator==(const Event& other) const {
-        return type == other.type && id == other.id && payload == other.payload;
-    }
-};
-
-void PrintTo(const Event& event, std::ostream* out) {
-    *out << "type " << event.type << ", id " << event.id << ", payload "
-         << testing::PrintToString(event.payload);
-}
 
 std::vector<Event> events;
 std::function<void()> insideCallback;

@@ -2,6 +2,7 @@
 
 #include "ClientBus.h"
 #include "MessageBuffer.h"
+#include "ReceivedEvent.h"
 #include "TestScale.h"
 
 #include <cstddef>
@@ -20,21 +21,6 @@ namespace {
 
 constexpr int data = IPC_MESSAGE_DATA;
 constexpr int relayedTypes = 11;
-
-struct Event {
-    int type = 0;
-    int id = 0;
-    Bytes payload;
-
-    bool operator==(const Event& other) const {
-        return type == other.type && id == other.id && payload == other.payload;
-    }
-};
-
-void PrintTo(const Event& event, std::ostream* out) {
-    *out << "type " << event.type << ", id " << event.id << ", payload "
-         << testing::PrintToString(event.payload);
-}
 
 std::vector<Event> events;
 

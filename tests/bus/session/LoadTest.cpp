@@ -1,5 +1,6 @@
 #include "SessionBus.h"
 
+#include "Meeting.h"
 #include "TestScale.h"
 
 #include <atomic>
@@ -150,15 +151,7 @@ TEST_F(SessionLoad, Of64ThreadsNoneHangsWhileTheServiceRestartsAndAllEndsInAgree
 // Both see that the other has yet to close, unless looking and subtracting are one step.
 TEST_F(SessionLoad, OfTwoClosesAtOnceOneAlwaysReachesTheService) {
     const unsigned int rounds = Scaled(20000);
-    std::atomic<unsigned int> arrived{0};
-    const auto meet = [&arrived](unsigned int count) {
-        ++arrived;
-        for (unsigned int spin = 0; arrived < count; ++spin) {
-            if (spin > 50000) {
-                std::this_thread::yield();
-            }
-        }
-    };
+    TCMeeting meeting;
     const auto closeInRounds = [&](bool leads) {
         std::mt19937 random(leads ? 1U : 2U);
         for (unsigned int round = 0; round < rounds; ++round) {
@@ -166,13 +159,13 @@ TEST_F(SessionLoad, OfTwoClosesAtOnceOneAlwaysReachesTheService) {
                 EXPECT_EQ(0, SessionControl__Open());
                 EXPECT_EQ(0, SessionControl__Open());
             }
-            meet(6 * round + 2);
-            meet(6 * round + 4);
+            meeting.Await(6 * round + 2);
+            meeting.Await(6 * round + 4);
             // Now one is a little ahead, now the other.
             for (std::atomic<unsigned long> spins{random() % 16}; spins > 0; --spins) {
             }
             EXPECT_EQ(0, SessionControl__Close());
-            meet(6 * round + 6);
+            meeting.Await(6 * round + 6);
         }
     };
     std::thread other(closeInRounds, false);

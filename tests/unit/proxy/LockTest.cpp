@@ -1,8 +1,8 @@
+#include "Meeting.h"
 #include "ProxyFaults.h"
 #include "ProxyFixture.h"
 #include "TestScale.h"
 
-#include <atomic>
 #include <cerrno>
 #include <future>
 #include <system_error>
@@ -76,24 +76,15 @@ TEST_F(SessionLock, WhileTheServiceIsAskedOpensAndClosesWaitAndQueriesDoNot) {
 // Both see that the other has yet to close, unless looking and subtracting are one step.
 TEST_F(SessionLock, OfTwoClosesAtOnceOneAlwaysReachesTheService) {
     const unsigned int rounds = Scaled(100000);
-    std::atomic<unsigned int> arrived{0};
-    // Spinning lets both go on at the same moment; a busy machine may need one of them to step back.
-    const auto meet = [&arrived](unsigned int count) {
-        ++arrived;
-        for (unsigned int spin = 0; arrived < count; ++spin) {
-            if (spin > 50000) {
-                std::this_thread::yield();
-            }
-        }
-    };
+    TCMeeting meeting;
     const auto closeInRounds = [&](bool leads) {
         for (unsigned int round = 0; round < rounds; ++round) {
             if (leads) {
                 Access::Set(m_proxy, Access::opened, 2);
             }
-            meet(4 * round + 2);
+            meeting.Await(4 * round + 2);
             EXPECT_EQ(0, m_proxy.DecreaseSessionCount());
-            meet(4 * round + 4);
+            meeting.Await(4 * round + 4);
         }
     };
     std::thread other(closeInRounds, false);
