@@ -23,7 +23,10 @@ namespace Norvale.Mavix
         RuleFailed,
 
         /// <summary>The service refused the session, or was not reachable.</summary>
-        SessionFailed
+        SessionFailed,
+
+        /// <summary>A value was not stored in a cache. The platform's log has more.</summary>
+        CacheFailed
     }
 
     /// <summary>Says which function of which interface failed, and why.</summary>

@@ -167,6 +167,29 @@ namespace Norvale.Mavix
         [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
         internal static extern int SessionControl__IsMavixTerminated(out int isTerminated);
 
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern CacheHandle IPCCache_CreateReader(byte[] cacheName);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern CacheHandle IPCCache_CreateWriter(byte[] cacheName);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        [return: MarshalAs(UnmanagedType.I1)]
+        internal static extern bool IPCCache_Destroy(IntPtr cache);
+
+        // An unsigned long is as wide as a pointer.
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        [return: MarshalAs(UnmanagedType.I1)]
+        internal static extern bool IPCCache_GetData(CacheHandle cache, byte[] name, UIntPtr id, out IntPtr data,
+            out UIntPtr size);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        internal static extern void IPCCache_SetData(CacheHandle cache, byte[] name, UIntPtr id, byte[] data, UIntPtr size);
+
+        [DllImport(Library, CallingConvention = CallingConvention.Cdecl)]
+        [return: MarshalAs(UnmanagedType.I1)]
+        internal static extern bool IPCCache_ResetData(CacheHandle cache, byte[] name, UIntPtr id);
+
         [DllImport(GLib, CallingConvention = CallingConvention.Cdecl)]
         internal static extern int g_main_context_iteration(IntPtr context, int mayBlock);
 

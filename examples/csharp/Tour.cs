@@ -1,5 +1,5 @@
 // A tour of the C# assembly: one program opens a session with the service, calls it, receives its events, is refused,
-// sees it restart, and closes the session. Run it with the stand-in service:
+// sees it restart, shares a value, and closes the session. Run it with the stand-in service:
 //
 //     mavix-sandbox --sim-option=--respawn -- mono Tour.exe
 //
@@ -7,6 +7,7 @@
 
 using System;
 using System.Diagnostics;
+using System.IO;
 using System.Text;
 using System.Threading;
 
@@ -41,7 +42,8 @@ internal static class Tour
                 ReceiveEvents(connection);
                 BeRefused(connection);
                 OutliveTheService(connection);
-                Console.WriteLine("8. We close the session twice. The service sees the last close.");
+                ShareAValue();
+                Console.WriteLine("9. We close the session twice. The service sees the last close.");
                 first.Close();
                 ShowSessions("open");
                 second.Close();
@@ -153,5 +155,47 @@ internal static class Tour
         int pid = ServiceControl.Restart();
         Console.WriteLine("   It is process {0} now. We call it as if nothing had happened.", pid);
         CallAndCheck(connection, "Are you well again?");
+    }
+
+    private static void ShareAValue()
+    {
+        string name = "mavix-tour-" + Process.GetCurrentProcess().Id;
+        Console.WriteLine("8. We write a value into a cache, which any process may read without asking the service.");
+        using (Cache writer = Cache.OpenWriter(name))
+        using (Cache reader = Cache.OpenReader(name))
+        {
+            if (MayWrite(writer, "42 percent"))
+                ReadAndReset(writer, reader, "42 percent");
+        }
+        // A cache outlives its processes. This one is not to.
+        foreach (string file in new[] { "/dev/shm/" + name, "/run/" + name + "_cache_lock" })
+        {
+            if (File.Exists(file))
+                File.Delete(file);
+        }
+    }
+
+    private static bool MayWrite(Cache writer, string value)
+    {
+        try
+        {
+            writer.Set("volume", 1, Encoding.UTF8.GetBytes(value));
+            return true;
+        }
+        catch (MavixException exception)
+        {
+            Console.WriteLine("   We may not: {0}.", exception.Message);
+            return false;
+        }
+    }
+
+    private static void ReadAndReset(Cache writer, Cache reader, string value)
+    {
+        byte[] read = reader.Get("volume", 1);
+        Require(read != null && Encoding.UTF8.GetString(read) == value, "the cache has another value");
+        Console.WriteLine("   A reader finds \"{0}\".", Encoding.UTF8.GetString(read));
+        Require(writer.Reset("volume", 1), "the value could not be reset");
+        Require(reader.Get("volume", 1) == null, "a value is still there after its reset");
+        Console.WriteLine("   We reset it, and the reader finds nothing.");
     }
 }

@@ -12,7 +12,7 @@ internal static class LifetimeCases
     private const int CollectionPeriod = 100;
 
     // What a process holds on to, in bytes.
-    private sealed class Memory
+    internal sealed class Memory
     {
         // A leak of the smallest object of 10,000 is more than the first two.
         private const long ToleratedManaged = 131072;

@@ -66,6 +66,16 @@ internal static class NativeLibrary
     [DllImport(Mavix)]
     internal static extern void TCFreeMemory(IntPtr memory);
 
+    [DllImport(Mavix)]
+    internal static extern IntPtr IPCCache_CreateWriter(byte[] cacheName);
+
+    [DllImport(Mavix)]
+    [return: MarshalAs(UnmanagedType.I1)]
+    internal static extern bool IPCCache_Destroy(IntPtr cache);
+
+    [DllImport(Mavix)]
+    internal static extern void IPCCache_SetData(IntPtr cache, byte[] name, UIntPtr id, byte[] data, UIntPtr size);
+
     [DllImport(GLib)]
     internal static extern int g_main_context_iteration(IntPtr context, int mayBlock);
 
@@ -86,6 +96,15 @@ internal static class NativeLibrary
 
     [DllImport(GLib)]
     internal static extern IntPtr g_thread_join(IntPtr thread);
+
+    [DllImport("libc.so.6")]
+    internal static extern int open(string path, int flags);
+
+    [DllImport("libc.so.6")]
+    internal static extern int close(int descriptor);
+
+    [DllImport("libc.so.6")]
+    internal static extern int flock(int descriptor, int operation);
 
     [DllImport("libc.so.6")]
     internal static extern void _exit(int status);

@@ -11,12 +11,15 @@ using System.Reflection;
 //     Suite.exe EventCases     runs those of a class
 //     Suite.exe EventCases.X   runs one
 //     Suite.exe --child NAME   runs a program of ChildPrograms
+//     Suite.exe --cache ...    runs the other process of CacheCases
 internal static class Runner
 {
     private static int Main(string[] arguments)
     {
         if (arguments.Length == 2 && arguments[0] == "--child")
             return ChildPrograms.Run(arguments[1]);
+        if (arguments.Length != 0 && arguments[0] == "--cache")
+            return CacheProgram.Run(arguments);
         int failed = 0;
         int run = 0;
         foreach (MethodInfo method in Cases(arguments))
