@@ -78,7 +78,7 @@ void TCSupervisor::m_Start(Child& child) {
                          "--ready-fd=" + std::to_string(TCChildProcess::PassedDescriptor)};
     if (!m_options.keepRecords)
         options.arguments.emplace_back("--no-records");
-    options.ownGroup = false;
+    options.group = MavixTools::ChildOptions::parentsGroup;
     options.descriptor = ready.writer.Get();
     child.process = TCChildProcess(options);
     child.ready = std::move(ready.reader);

@@ -71,8 +71,8 @@ bool DiscardOutput() {
 }
 
 [[noreturn]] void RunChild(Prepared prepared) {
-    if (prepared.options->ownGroup)
-        ::setpgid(0, 0);
+    if (prepared.options->group != ChildOptions::parentsGroup)
+        ::setpgid(0, prepared.options->group);
     // The second test closes the gap in which the parent has died before the request.
     bool ready = ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && ::getppid() == prepared.parent;
     ready = ready && PlaceDescriptors(prepared);

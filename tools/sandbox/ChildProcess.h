@@ -20,8 +20,10 @@ struct ChildOptions {
     // argv[0]; the program when empty.
     std::string name;
     std::vector<std::pair<std::string, std::string>> environment; // added to ours
-    // A group of its own keeps the terminal's signals away.
-    bool ownGroup = true;
+    // The process group to be in. A new one keeps the terminal's signals away.
+    static constexpr pid_t newGroup = 0;
+    static constexpr pid_t parentsGroup = -1;
+    pid_t group = newGroup;
     bool discardOutput = false;
     // The child finds this descriptor as number 3; negative for none.
     int descriptor = -1;

@@ -1,6 +1,7 @@
 #include "Sandbox.h"
 
 #include "Orphans.h"
+#include "Shell.h"
 
 #include <array>
 #include <cerrno>
@@ -40,16 +41,14 @@ std::string FindPolicy() {
 
 } // namespace
 
-TCSandbox::TCSandbox(const SandboxOptions& options) : m_options(options) {
+TCSandbox::TCSandbox(const SandboxOptions& options, Kept& kept) : m_options(options), m_kept(kept) {
     sigset_t handled;
     ::sigemptyset(&handled);
     for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGCHLD})
         ::sigaddset(&handled, signal);
-    ::sigprocmask(SIG_BLOCK, &handled, &m_originalMask);
     m_signals = TCDescriptor(::signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!m_signals)
         throw std::system_error(errno, std::generic_category(), "cannot watch signals");
-    AdoptOrphans();
 }
 
 TCSandbox::~TCSandbox() {
@@ -58,26 +57,39 @@ TCSandbox::~TCSandbox() {
 
 int TCSandbox::Run() {
     m_StartServices();
-    return m_RunCommand();
+    return m_kept.IsAbandoned() ? sandboxFailed : m_RunCommand();
 }
 
 void TCSandbox::m_StartServices() {
     m_bus = std::make_unique<TCBusDaemon>(m_folder.Path(), FindPolicy(), !m_options.showDaemons);
     m_bus->Start();
-    if (m_options.startSim)
+    if (m_options.startService)
         m_sim = std::make_unique<TCSimService>(FindSim(), m_options.simOptions, m_bus->Address(),
                                                !m_options.showDaemons);
 }
 
-int TCSandbox::m_RunCommand() {
+ChildOptions TCSandbox::m_CommandOptions() const {
     ChildOptions options;
-    options.program = m_options.command.front();
-    options.arguments.assign(m_options.command.begin() + 1, m_options.command.end());
-    options.environment = {{"DBUS_SYSTEM_BUS_ADDRESS", m_bus->Address()}};
-    options.ownGroup = false;
-    options.signalMask = m_originalMask;
+    if (m_options.shell) {
+        options = InteractiveShell(m_folder.Path());
+    } else {
+        options.program = m_options.command.front();
+        options.arguments.assign(m_options.command.begin() + 1, m_options.command.end());
+    }
+    options.environment.emplace_back("DBUS_SYSTEM_BUS_ADDRESS", m_bus->Address());
+    options.group = m_kept.group;
+    options.signalMask = m_kept.originalMask;
+    return options;
+}
+
+int TCSandbox::m_RunCommand() {
+    if (m_options.shell)
+        std::fprintf(
+            stderr,
+            "mavix-sandbox: a shell on a bus of its own, with%s the stand-in service; `exit` ends it\n",
+            m_options.startService ? "" : "out");
     try {
-        TCChildProcess command(options);
+        TCChildProcess command(m_CommandOptions());
         return m_WaitForCommand(command);
     } catch (const std::system_error& error) {
         std::fprintf(stderr, "mavix-sandbox: %s\n", error.what());
@@ -87,7 +99,8 @@ int TCSandbox::m_RunCommand() {
 
 int TCSandbox::m_WaitForCommand(TCChildProcess& command) {
     for (;;) {
-        std::array<pollfd, 2> wanted{pollfd{command.PollDescriptor(), POLLIN, 0},
+        std::array<pollfd, 3> wanted{pollfd{m_kept.lifeline.Get(), POLLIN, 0},
+                                     pollfd{command.PollDescriptor(), POLLIN, 0},
                                      pollfd{m_signals.Get(), POLLIN, 0}};
         int limit = -1;
         if (m_killTime) {
@@ -98,11 +111,12 @@ int TCSandbox::m_WaitForCommand(TCChildProcess& command) {
         const int ready = ::poll(wanted.data(), wanted.size(), limit);
         if (ready < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "cannot wait for the command");
-        if (ready == 0)
+        const bool isTimeUp = ready == 0 || wanted[0].revents != 0;
+        if (isTimeUp)
             command.Signal(SIGKILL);
-        if (ready == 0 || wanted[0].revents != 0)
+        if (isTimeUp || wanted[1].revents != 0)
             return ShellStatus(*command.Wait());
-        if (wanted[1].revents != 0)
+        if (wanted[2].revents != 0)
             m_HandleSignal(command);
     }
 }
@@ -119,9 +133,6 @@ void TCSandbox::m_HandleSignal(TCChildProcess& command) {
         CollectOrphans(known);
         return;
     }
-    // The terminal sends its signals to the whole group: the command has it and decides what it means.
-    if (info.ssi_code == SI_KERNEL && (signal == SIGINT || signal == SIGQUIT))
-        return;
     command.Signal(signal);
     if (!m_killTime)
         m_killTime = std::chrono::steady_clock::now() + commandGrace;

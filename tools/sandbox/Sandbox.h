@@ -2,11 +2,11 @@
 #define MAVIX_TOOLS_SANDBOX_H
 
 #include "BusDaemon.h"
+#include "Keeper.h"
 #include "SandboxOptions.h"
 #include "SimService.h"
 #include "TempFolder.h"
 
-#include <csignal>
 #include <memory>
 #include <vector>
 
@@ -15,11 +15,11 @@ namespace MavixTools {
 // The exit code for failures of the sandbox itself, as of env(1) and timeout(1).
 constexpr int sandboxFailed = 125;
 
-// One run: bus, stand-in service, command. Takes over the process's signals, so there is one a process. The
+// One run: bus, stand-in service, command. Owner: the keeper's body, in whose process there is one. The
 // destructor ends what still runs, the command's own left-overs too, and removes the files.
 class TCSandbox final {
 public:
-    explicit TCSandbox(const SandboxOptions& options);
+    TCSandbox(const SandboxOptions& options, Kept& kept);
     TCSandbox(const TCSandbox&) = delete;
     TCSandbox& operator=(const TCSandbox&) = delete;
     ~TCSandbox();
@@ -29,6 +29,7 @@ public:
 
 private:
     void m_StartServices();
+    ChildOptions m_CommandOptions() const;
     int m_RunCommand();
     int m_WaitForCommand(TCChildProcess& command);
     void m_HandleSignal(TCChildProcess& command);
@@ -36,7 +37,7 @@ private:
     void m_CheckServices();
 
     const SandboxOptions m_options;
-    sigset_t m_originalMask{};
+    const Kept& m_kept;
     TCDescriptor m_signals;
     // The command is killed when it has not ended this long after a signal that asked for it.
     std::optional<std::chrono::steady_clock::time_point> m_killTime;

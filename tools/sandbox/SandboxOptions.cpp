@@ -11,12 +11,15 @@ namespace {
 
 const char* const usage =
     "Usage: mavix-sandbox [OPTION]... [--] COMMAND [ARGUMENT]...\n"
+    "       mavix-sandbox [OPTION]... --shell\n"
     "\n"
     "Runs COMMAND with a private system bus on which a stand-in for the Mavix service answers. Ends both "
     "and\n"
     "removes their files afterwards. DBUS_SYSTEM_BUS_ADDRESS names the bus.\n"
     "\n"
-    "  --no-sim             only the bus, without the stand-in service\n"
+    "  --no-service         only the bus, without the stand-in service\n"
+    "  --private-run        a /run and a /dev/shm of its own, so that COMMAND can use caches\n"
+    "  --shell              run $SHELL, interactive, in the place of COMMAND\n"
     "  --sim-option=OPTION  hand OPTION to mavix-sim, for example --respawn; may be repeated\n"
     "  --verbose            show what the bus daemon and the stand-in service print\n"
     "  --help, --version    print this text, the version\n"
@@ -25,12 +28,13 @@ const char* const usage =
     "it\n"
     "cannot be run, 125 when the sandbox itself fails.\n";
 
-enum Option { NoSim = 256, SimOption, Verbose, Help, Version };
+enum Option { NoService = 256, PrivateRun, Shell, SimOption, Verbose, Help, Version };
 
 const option longOptions[] = {
-    {"no-sim", no_argument, nullptr, NoSim},    {"sim-option", required_argument, nullptr, SimOption},
-    {"verbose", no_argument, nullptr, Verbose}, {"help", no_argument, nullptr, Help},
-    {"version", no_argument, nullptr, Version}, {nullptr, 0, nullptr, 0},
+    {"no-service", no_argument, nullptr, NoService}, {"private-run", no_argument, nullptr, PrivateRun},
+    {"shell", no_argument, nullptr, Shell},          {"sim-option", required_argument, nullptr, SimOption},
+    {"verbose", no_argument, nullptr, Verbose},      {"help", no_argument, nullptr, Help},
+    {"version", no_argument, nullptr, Version},      {nullptr, 0, nullptr, 0},
 };
 
 } // namespace
@@ -41,8 +45,14 @@ std::optional<SandboxOptions> ParseSandboxOptions(int argc, char** argv, int& ex
     // The plus sign ends the options at the first word that is none, so that COMMAND keeps its own.
     for (int choice = 0; (choice = ::getopt_long(argc, argv, "+", longOptions, nullptr)) != -1;) {
         switch (choice) {
-        case NoSim:
-            options.startSim = false;
+        case NoService:
+            options.startService = false;
+            break;
+        case PrivateRun:
+            options.privateRun = true;
+            break;
+        case Shell:
+            options.shell = true;
             break;
         case SimOption:
             options.simOptions.emplace_back(optarg);
@@ -62,8 +72,10 @@ std::optional<SandboxOptions> ParseSandboxOptions(int argc, char** argv, int& ex
         }
     }
     options.command.assign(argv + optind, argv + argc);
-    if (options.command.empty()) {
-        std::fputs("mavix-sandbox: no command given; see --help\n", stderr);
+    if (options.command.empty() != options.shell) {
+        std::fputs(options.shell ? "mavix-sandbox: --shell takes no command; see --help\n"
+                                 : "mavix-sandbox: no command given; see --help\n",
+                   stderr);
         exitCode = sandboxFailed;
         return std::nullopt;
     }

@@ -8,7 +8,10 @@
 namespace MavixTools {
 
 struct SandboxOptions {
-    bool startSim = true;
+    bool startService = true;
+    bool privateRun = false;
+    // An interactive shell in the place of the command.
+    bool shell = false;
     bool showDaemons = false;
     std::vector<std::string> simOptions;
     std::vector<std::string> command;

@@ -1,6 +1,5 @@
 #include "TempFolder.h"
 
-#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <fcntl.h>
@@ -9,6 +8,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace MavixTools {
 
@@ -18,6 +18,7 @@ namespace fs = std::filesystem;
 
 // A socket's path has to fit into 107 characters, and the socket's name follows.
 constexpr std::size_t longestBase = 80;
+// The number of the process that made the folder follows.
 const char* const prefix = "mavix-bus-";
 
 // A folder younger than this may not have been locked yet.
@@ -36,31 +37,43 @@ bool IsOld(const struct stat& status) {
     return std::chrono::system_clock::now() - changed > leastAgeOfLeftOvers;
 }
 
+// Where folders are made, in this order.
+std::vector<fs::path> Bases() {
+    std::vector<fs::path> bases;
+    const std::initializer_list<const char*> wanted{::getenv("XDG_RUNTIME_DIR"), ::getenv("TMPDIR"), "/tmp"};
+    for (const char* base : wanted)
+        if (base != nullptr && base[0] == '/')
+            bases.emplace_back(base);
+    return bases;
+}
+
 // Only our own user's folders that nobody locks.
-void RemoveLeftOvers(const fs::path& base) {
+template <class Condition>
+void RemoveUnlocked(const fs::path& base, const std::string& start, const Condition& condition) {
     std::error_code ignored;
     for (const fs::directory_entry& entry : fs::directory_iterator(base, ignored)) {
         struct stat status {};
-        if (entry.path().filename().string().rfind(prefix, 0) != 0 ||
-            ::lstat(entry.path().c_str(), &status) != 0 || status.st_uid != ::geteuid() || !IsOld(status))
+        if (entry.path().filename().string().rfind(start, 0) != 0 ||
+            ::lstat(entry.path().c_str(), &status) != 0 || status.st_uid != ::geteuid() || !condition(status))
             continue;
         if (const TCDescriptor lock = Lock(entry.path()))
             fs::remove_all(entry.path(), ignored);
     }
 }
 
+std::string StartOfName(pid_t process) {
+    return prefix + std::to_string(process) + "-";
+}
+
 } // namespace
 
 TCTempFolder::TCTempFolder() {
-    const std::array<const char*, 3> bases{std::getenv("XDG_RUNTIME_DIR"), std::getenv("TMPDIR"), "/tmp"};
-    for (const char* base : bases) {
-        if (base == nullptr || base[0] != '/')
-            continue;
-        std::string path = std::string(base) + "/" + prefix + "XXXXXX";
+    for (const fs::path& base : Bases()) {
+        std::string path = base / (StartOfName(::getpid()) + "XXXXXX");
         if (path.size() <= longestBase && ::mkdtemp(path.data()) != nullptr) {
             m_path = path;
             m_lock = Lock(path);
-            RemoveLeftOvers(base);
+            RemoveUnlocked(base, prefix, IsOld);
             return;
         }
     }
@@ -74,6 +87,11 @@ TCTempFolder::~TCTempFolder() {
 
 void TCTempFolder::OpenToOtherUsers() const {
     ::chmod(m_path.c_str(), 0711);
+}
+
+void TCTempFolder::RemoveThoseOf(pid_t ended) {
+    for (const fs::path& base : Bases())
+        RemoveUnlocked(base, StartOfName(ended), [](const struct stat&) { return true; });
 }
 
 } // namespace MavixTools

@@ -4,12 +4,13 @@
 #include "Descriptor.h"
 
 #include <string>
+#include <sys/types.h>
 
 namespace MavixTools {
 
 // A private folder under XDG_RUNTIME_DIR, TMPDIR or /tmp, the first that can be written to; removed, with
 // what it holds, by the destructor. Its owner holds a lock on it, by which the next one there knows, and
-// removes, what a killed process has left.
+// removes, what a killed process has left that nobody has cleared up after.
 class TCTempFolder final {
 public:
     // Throws std::runtime_error when there is no such place.
@@ -21,6 +22,9 @@ public:
     const std::string& Path() const { return m_path; }
     // Lets other users reach the files whose names they know.
     void OpenToOtherUsers() const;
+
+    // Removes what a process has left that has ended.
+    static void RemoveThoseOf(pid_t ended);
 
 private:
     std::string m_path;

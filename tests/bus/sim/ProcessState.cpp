@@ -1,6 +1,9 @@
 #include "ProcessState.h"
 
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 
 namespace MavixTest {
 
@@ -26,6 +29,20 @@ bool IsRunning(pid_t pid) {
     // The name stands in parentheses and may hold any character; the state follows it.
     const std::size_t nameEnd = stat.rfind(") ");
     return nameEnd != std::string::npos && stat[nameEnd + 2] != 'Z' && stat[nameEnd + 2] != 'X';
+}
+
+std::vector<pid_t> ProcessesWithEnvironment(const std::string& text) {
+    std::vector<pid_t> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const pid_t pid = std::atoi(entry.path().filename().c_str());
+        if (pid <= 0)
+            continue;
+        std::ifstream file = OpenProc(pid, "environ");
+        const std::string all{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+        if (all.find(text) != std::string::npos)
+            found.push_back(pid);
+    }
+    return found;
 }
 
 std::vector<pid_t> Descendants(pid_t pid) {

@@ -1,15 +1,9 @@
-#include "Await.h"
-#include "ProcessState.h"
 #include "RawClient.h"
-
-#include "ChildProcess.h"
-#include "TempFolder.h"
+#include "SandboxFixture.h"
 
 #include <algorithm>
+#include <array>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <gtest/gtest.h>
 #include <pty.h>
 #include <sys/wait.h>
 
@@ -19,45 +13,8 @@ namespace {
 
 using MavixTools::ShellStatus;
 using MavixTools::TCChildProcess;
-using MavixTools::TCTempFolder;
-using Arguments = std::vector<std::string>;
 
-class Sandbox : public testing::Test {
-protected:
-    // The sandbox's files go into a folder of ours, so that left-overs show.
-    TCChildProcess Start(const Arguments& arguments) const {
-        MavixTools::ChildOptions options;
-        options.program = MAVIX_TEST_SANDBOX;
-        options.arguments = arguments;
-        options.environment = {{"XDG_RUNTIME_DIR", m_temporary.Path()}, {"TMPDIR", m_temporary.Path()}};
-        return TCChildProcess(options);
-    }
-
-    int Run(const Arguments& arguments) const { return ShellStatus(*Start(arguments).Wait()); }
-
-    // What a command wrote to the file; it writes the last line in one go.
-    std::string ReadNote() const {
-        std::ifstream file(m_note);
-        std::string line;
-        return std::getline(file, line) && !file.eof() ? line : "";
-    }
-
-    // A sandbox whose command notes the bus address and waits.
-    TCChildProcess StartWaiting(Arguments options = {}) const {
-        for (const char* word : {"--", "sh", "-c", "echo $DBUS_SYSTEM_BUS_ADDRESS >$0; exec sleep 1000"})
-            options.emplace_back(word);
-        options.push_back(m_note);
-        TCChildProcess sandbox = Start(options);
-        EXPECT_TRUE(Await([&] { return !ReadNote().empty(); }));
-        return sandbox;
-    }
-
-    bool NothingIsLeft() const { return std::filesystem::is_empty(m_temporary.Path()); }
-
-    TCTempFolder m_temporary;
-    TCTempFolder m_notes;
-    const std::string m_note = m_notes.Path() + "/note";
-};
+using Sandbox = SandboxFixture;
 
 bool AnyRuns(const std::vector<pid_t>& pids) {
     return std::any_of(pids.begin(), pids.end(), IsRunning);
@@ -75,11 +32,12 @@ TEST_F(Sandbox, ReturnsTheCommandsStatus) {
         {"failure", {"--", "sh", "-c", "exit 7"}, 7},
         {"signal", {"--", "sh", "-c", "kill -USR1 $$"}, 128 + SIGUSR1},
         {"without the dashes", {"sh", "-c", "exit 8"}, 8},
-        {"options of the command", {"sh", "-c", "exit $#", "x", "--no-sim", "--help"}, 2},
+        {"options of the command", {"sh", "-c", "exit $#", "x", "--no-service", "--help"}, 2},
         {"command not found", {"--", "mavix-no-such-command"}, 127},
         {"command cannot be run", {"--", "/dev/null"}, 126},
         {"no command", {"--"}, 125},
         {"unknown option", {"--nonsense", "--", "true"}, 125},
+        {"a shell and a command", {"--shell", "--", "true"}, 125},
         {"stand-in service that fails", {"--sim-option=--nonsense", "--", "true"}, 125},
         {"help", {"--help"}, 0},
         {"version", {"--version"}, 0},
@@ -117,7 +75,7 @@ TEST_F(Sandbox, EndsEverythingAfterASignal) {
         std::filesystem::remove(m_note);
         TCChildProcess sandbox = StartWaiting();
         const std::vector<pid_t> all = Descendants(sandbox.Pid());
-        EXPECT_EQ(all.size(), 5u);
+        EXPECT_EQ(all.size(), 6u);
         sandbox.Signal(signal);
         EXPECT_EQ(ShellStatus(*sandbox.Wait()), 128 + signal);
         EXPECT_FALSE(AnyRuns(all));
@@ -126,8 +84,8 @@ TEST_F(Sandbox, EndsEverythingAfterASignal) {
 }
 
 TEST_F(Sandbox, KillsACommandThatIgnoresTheSignal) {
-    TCChildProcess sandbox =
-        Start({"--no-sim", "sh", "-c", "trap '' TERM; echo ready >$0; while :; do sleep 1; done", m_note});
+    TCChildProcess sandbox = Start(
+        {"--no-service", "sh", "-c", "trap '' TERM; echo ready >$0; while :; do sleep 1; done", m_note});
     ASSERT_TRUE(Await([&] { return ReadNote() == "ready"; }));
     const std::vector<pid_t> all = Descendants(sandbox.Pid());
     sandbox.Signal(SIGTERM);
@@ -146,10 +104,10 @@ TEST_F(Sandbox, EndsTheCommandsLeftOvers) {
 TEST_F(Sandbox, ItsProcessesDieWithIt) {
     TCChildProcess sandbox = StartWaiting();
     const std::vector<pid_t> all = Descendants(sandbox.Pid());
-    ASSERT_EQ(all.size(), 5u);
+    ASSERT_EQ(all.size(), 6u);
     sandbox.Signal(SIGKILL);
     sandbox.Wait();
-    EXPECT_TRUE(Await([&] { return !AnyRuns(all); }));
+    EXPECT_TRUE(Await([&] { return !AnyRuns(all) && NothingIsLeft(); }));
 }
 
 // As if nothing had changed in the folder for an hour.
@@ -169,21 +127,24 @@ TEST_F(Sandbox, RemovesWhatAKilledOneHasLeftAndNothingOfALivingOne) {
     TCChildProcess living = StartWaiting();
     const std::string livingFolder = folderOf(ReadNote());
 
+    // Both at once, so that neither clears up after the other.
+    ::kill(all.front(), SIGSTOP);
     killed.Signal(SIGKILL);
     killed.Wait();
+    ::kill(all.front(), SIGKILL);
     ASSERT_TRUE(Await([&] { return !AnyRuns(all); }));
-    EXPECT_EQ(Run({"--no-sim", "true"}), 0);
+    EXPECT_EQ(Run({"--no-service", "true"}), 0);
     EXPECT_TRUE(std::filesystem::exists(killedFolder)) << "too young to be known as left over";
     Age(killedFolder);
     Age(livingFolder);
-    EXPECT_EQ(Run({"--no-sim", "true"}), 0);
+    EXPECT_EQ(Run({"--no-service", "true"}), 0);
     EXPECT_FALSE(std::filesystem::exists(killedFolder));
     EXPECT_TRUE(std::filesystem::exists(livingFolder));
 }
 
 TEST_F(Sandbox, RunsTheBusAloneOnRequest) {
-    TCChildProcess sandbox = StartWaiting({"--no-sim"});
-    EXPECT_EQ(Descendants(sandbox.Pid()).size(), 2u);
+    TCChildProcess sandbox = StartWaiting({"--no-service"});
+    EXPECT_EQ(Descendants(sandbox.Pid()).size(), 3u);
     EXPECT_EQ(TCRawClient(ReadNote()).Call(RawCall{}).errorName, "org.freedesktop.DBus.Error.ServiceUnknown");
 }
 
@@ -213,6 +174,73 @@ TEST_F(Sandbox, LeavesTheTerminalsInterruptToTheCommand) {
     int status = 0;
     EXPECT_EQ(::waitpid(pid, &status, 0), pid);
     EXPECT_EQ(ShellStatus(status), 9);
+    EXPECT_TRUE(NothingIsLeft());
+}
+
+// A shell that reads its orders from a pipe.
+TEST_F(Sandbox, RunsTheUsersShellOnRequest) {
+    struct Row {
+        const char* shell; // SHELL; null for none
+        const char* expected;
+    };
+    for (const Row& row :
+         {Row{"/bin/bash", "bash"}, Row{"/bin/sh", "sh"}, Row{"", "sh"}, Row{nullptr, "sh"}}) {
+        SCOPED_TRACE(row.shell == nullptr ? "none" : row.shell);
+        std::filesystem::remove(m_note);
+        const std::string setting =
+            row.shell == nullptr ? "unset SHELL" : std::string("export SHELL=") + row.shell;
+        const std::string orders = "case $- in *i*) echo \"$(basename $0) $DBUS_SYSTEM_BUS_ADDRESS $PS1\" >" +
+                                   m_note + ";; esac; exit 5";
+        testing::internal::CaptureStderr();
+        const int status = Run(
+            {"-c", setting + "; printf '%s\n' \"$0\" | \"$@\"", orders, MAVIX_TEST_SANDBOX, "--shell"}, "sh");
+        const std::string errors = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(status, 5) << errors;
+        EXPECT_EQ(
+            errors.rfind(
+                "mavix-sandbox: a shell on a bus of its own, with the stand-in service; `exit` ends it\n", 0),
+            0u)
+            << errors;
+        EXPECT_EQ(ReadNote().rfind(std::string(row.expected) + " unix:path=" + m_temporary.Path() + "/", 0),
+                  0u)
+            << ReadNote();
+        EXPECT_NE(ReadNote().find("(mavix-sandbox) "), std::string::npos) << ReadNote();
+        EXPECT_TRUE(NothingIsLeft());
+    }
+}
+
+// What is typed, and what shows, until the other side hangs up.
+std::string TypeInto(int terminal, const std::string& orders) {
+    std::string shown;
+    std::array<char, 512> chunk{};
+    EXPECT_EQ(::write(terminal, orders.data(), orders.size()), static_cast<ssize_t>(orders.size()));
+    for (ssize_t count = 0; (count = ::read(terminal, chunk.data(), chunk.size())) > 0;)
+        shown.append(chunk.data(), static_cast<std::size_t>(count));
+    return shown;
+}
+
+TEST_F(Sandbox, TheShellHasTheTerminalAndTellsWhereItIs) {
+    int terminal = -1;
+    const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        ::setenv("XDG_RUNTIME_DIR", m_temporary.Path().c_str(), 1);
+        ::setenv("HOME", m_notes.Path().c_str(), 1);
+        ::setenv("SHELL", "/bin/bash", 1);
+        ::execl(MAVIX_TEST_SANDBOX, "mavix-sandbox", "--shell", "--no-service", nullptr);
+        ::_exit(1);
+    }
+    const MavixTools::TCDescriptor owned(terminal);
+    // A job in the foreground, and one in the background that is left behind.
+    const std::string shown =
+        TypeInto(terminal, "sleep 1000 &\ntest -t 0 && (echo on a $((40 + 2)) terminal)\nexit 3\nexit 3\n");
+    int status = 0;
+    EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(ShellStatus(status), 3);
+    EXPECT_NE(shown.find("a shell on a bus of its own, without the stand-in service"), std::string::npos)
+        << shown;
+    EXPECT_NE(shown.find("(mavix-sandbox) "), std::string::npos) << shown;
+    EXPECT_NE(shown.find("on a 42 terminal"), std::string::npos) << shown;
+    EXPECT_EQ(shown.find("no job control"), std::string::npos) << shown;
     EXPECT_TRUE(NothingIsLeft());
 }
 

@@ -1,0 +1,31 @@
+#ifndef MAVIX_TOOLS_KEEPER_H
+#define MAVIX_TOOLS_KEEPER_H
+
+#include "Descriptor.h"
+
+#include <csignal>
+#include <functional>
+#include <sys/types.h>
+
+namespace MavixTools {
+
+// What the keeper's body finds.
+struct Kept {
+    // Signals that ask the sandbox to end, and SIGCHLD, are blocked; this was the mask before.
+    sigset_t originalMask{};
+    // Readable when the process that started the keeper has been killed.
+    TCDescriptor lifeline;
+    bool IsAbandoned() const;
+    // That process's group, which the terminal sends its signals to.
+    pid_t group = 0;
+};
+
+// Runs the body in a process of its own, the keeper, and waits for it; the result is the body's. This process
+// hands signals on, and otherwise does nothing: whichever of the two is killed, the other one ends what still
+// runs and removes the files. The keeper is in a group of its own, so that both survive what kills a group.
+// Takes over the process's signals, so there is one a process.
+int RunInKeeper(const std::function<int(Kept&)>& body);
+
+} // namespace MavixTools
+
+#endif
