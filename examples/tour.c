@@ -1,7 +1,7 @@
 /* A tour of the library: one program opens a session with the service, calls it, receives its events, is
  * refused, sees it restart, and closes the session. Run it with the stand-in service:
  *
- *     mavix-sandbox --sim-option=--respawn -- tour
+ *     mavix-sandbox --private-run --sim-option=--respawn -- tour
  *
  * Exit status 0 when every step held. */
 

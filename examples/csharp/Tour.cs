@@ -1,7 +1,7 @@
 // A tour of the C# assembly: one program opens a session with the service, calls it, receives its events, is refused,
 // sees it restart, shares a value, and closes the session. Run it with the stand-in service:
 //
-//     mavix-sandbox --sim-option=--respawn -- mono Tour.exe
+//     mavix-sandbox --private-run --sim-option=--respawn -- mono Tour.exe
 //
 // Exit status 0 when every step held.
 
