@@ -143,6 +143,7 @@ TEST_F(SandboxEnd, KilledAtRandomMomentsTheyLeaveNothing) {
 
 TEST_F(SandboxEnd, TheKillOfItsKeeperIsToldAndIsAFailure) {
     TCChildProcess sandbox = StartWaiting();
+    std::filesystem::remove(m_note);
     testing::internal::CaptureStderr();
     TCChildProcess second = StartWaiting({"--no-service"});
     const pid_t keeper = KeeperOf(second);
