@@ -301,8 +301,8 @@ bool TCGdbusMessage::PushByteRange(const void* data, std::size_t size) {
         return m_PushChild(
             g_variant_new_from_data(G_VARIANT_TYPE_BYTESTRING, nullptr, 0, TRUE, nullptr, nullptr));
     }
-    // The one copy of the bytes; the variant owns it.
-    auto copy = std::make_unique<char[]>(size);
+    // The one copy of the bytes; the variant owns it. Not made by make_unique, which would write zeros first.
+    std::unique_ptr<char[]> copy(new char[size]);
     std::memcpy(copy.get(), data, size);
     char* bytes = copy.release();
     return m_PushChild(

@@ -56,7 +56,8 @@ bool CallIntoArray(TIIpcClient& instance, const char* interfaceName, short funct
     }
     const std::size_t size = output.PayloadSize();
     if (size != 0) {
-        auto bytes = std::make_unique<char[]>(size);
+        // Not made by make_unique, which would write zeros first.
+        std::unique_ptr<char[]> bytes(new char[size]);
         std::memcpy(bytes.get(), output.GetAsCStr(0), size);
         *outputBuffer = bytes.release();
         *outputLength = static_cast<unsigned int>(size);

@@ -1,0 +1,85 @@
+#include "Peer.h"
+
+#include "Handles.h"
+
+#include <unistd.h>
+
+namespace MavixBench {
+
+namespace {
+
+using namespace MavixApiLite;
+
+void Check(GError* error, const char* what) {
+    if (error != nullptr) {
+        const std::string text = std::string(what) + ": " + error->message;
+        g_error_free(error);
+        Fail(text);
+    }
+}
+
+class TCGdbusPeer final : public TIPeer {
+public:
+    TCGdbusPeer() {
+        GError* error = nullptr;
+        const TextHandle address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error));
+        Check(error, "address");
+        m_connection.reset(g_dbus_connection_new_for_address_sync(
+            address.get(),
+            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+            nullptr, nullptr, &error));
+        Check(error, "connect");
+    }
+
+    void Call(const std::vector<char>& payload) override {
+        const ObjectHandle<GDBusMessage> message = m_NewMessage(payload, 0);
+        GError* error = nullptr;
+        const ObjectHandle<GDBusMessage> reply(g_dbus_connection_send_message_with_reply_sync(
+            m_connection.get(), message.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, -1, nullptr, nullptr, &error));
+        Check(error, "call");
+        GVariant* body = g_dbus_message_get_body(reply.get());
+        if (body == nullptr || g_variant_n_children(body) < 3) {
+            Fail("an answer without payload");
+        }
+        const VariantHandle bytes(g_variant_get_child_value(body, 2));
+        gsize size = 0;
+        g_variant_get_fixed_array(bytes.get(), &size, 1);
+        ExpectSize(payload.size(), size);
+    }
+
+    void CallAsync(const std::vector<char>& payload) override {
+        const ObjectHandle<GDBusMessage> message = m_NewMessage(payload, 1);
+        g_dbus_message_set_flags(message.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+        GError* error = nullptr;
+        g_dbus_connection_send_message(m_connection.get(), message.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                       nullptr, &error);
+        Check(error, "send");
+    }
+
+private:
+    static ObjectHandle<GDBusMessage> m_NewMessage(const std::vector<char>& payload, int flags) {
+        ObjectHandle<GDBusMessage> message(
+            g_dbus_message_new_method_call(calledBus, calledObject, calledInterface, calledMember));
+        const int header = echoCode | flags << 16;
+        const int size = static_cast<int>(payload.size());
+        static const int process = getpid();
+        GVariant* body = payload.empty()
+                             ? g_variant_new("(iii)", header, size, process)
+                             : g_variant_new("(iii@ay)", header, size, process,
+                                             g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, payload.data(),
+                                                                       payload.size(), 1));
+        g_dbus_message_set_body(message.get(), body);
+        return message;
+    }
+
+    ObjectHandle<GDBusConnection> m_connection;
+};
+
+} // namespace
+
+std::unique_ptr<TIPeer> CreateGdbus() {
+    return std::make_unique<TCGdbusPeer>();
+}
+
+} // namespace MavixBench

@@ -1,0 +1,56 @@
+#include "Numbers.h"
+
+#include <filesystem>
+#include <spawn.h>
+#include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+// Fresh processes, from their start to their end.
+
+using namespace MavixBench;
+
+extern char** environ;
+
+namespace {
+
+void Run(benchmark::State& state, std::vector<std::string> words) {
+    std::vector<char*> arguments;
+    for (std::string& word : words) {
+        arguments.push_back(word.data());
+    }
+    arguments.push_back(nullptr);
+    double cpuSeconds = 0;
+    for ([[maybe_unused]] auto step : state) {
+        pid_t child = 0;
+        int status = 0;
+        rusage used = {};
+        if (posix_spawn(&child, words[0].c_str(), nullptr, nullptr, arguments.data(), environ) != 0 ||
+            wait4(child, &status, 0, &used) != child || status != 0) {
+            state.SkipWithError("the program failed");
+            break;
+        }
+        cpuSeconds += static_cast<double>(used.ru_utime.tv_sec + used.ru_stime.tv_sec) +
+                      static_cast<double>(used.ru_utime.tv_usec + used.ru_stime.tv_usec) / 1e6;
+    }
+    state.counters["cpu_ms"] = benchmark::Counter(cpuSeconds * 1000, benchmark::Counter::kAvgIterations);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 2;
+    }
+    const std::string work = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "bench-work";
+    for (const char* peer : {"ours", "gdbus", "ours-libdbus", "libdbus", "sdbus"}) {
+        benchmark::RegisterBenchmark((std::string("first-call/64/") + peer).c_str(), Run,
+                                     std::vector<std::string>{work, "call", peer, "64", "1"})
+            ->Iterations(20)
+            ->UseRealTime()
+            ->Unit(benchmark::kMillisecond);
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}
