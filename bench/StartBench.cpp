@@ -5,6 +5,7 @@
 #include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <utility>
 
 // Fresh processes, from their start to their end.
 
@@ -43,14 +44,20 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 2;
     }
-    const std::string work = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "bench-work";
-    for (const char* peer : {"ours", "gdbus", "ours-libdbus", "libdbus", "sdbus"}) {
-        benchmark::RegisterBenchmark((std::string("first-call/64/") + peer).c_str(), Run,
-                                     std::vector<std::string>{work, "call", peer, "64", "1"})
+    const std::filesystem::path folder = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    const std::string work = folder / "bench-work";
+    const std::string load = folder / "bench-load";
+    const auto add = [](const std::string& name, std::vector<std::string> words) {
+        benchmark::RegisterBenchmark(name.c_str(), Run, std::move(words))
             ->Iterations(20)
             ->UseRealTime()
             ->Unit(benchmark::kMillisecond);
+    };
+    for (const char* peer : {"ours", "gdbus", "ours-libdbus", "libdbus", "sdbus"}) {
+        add(std::string("first-call/64/") + peer, {work, "call", peer, "64", "1"});
     }
+    add("load/0/ours", {load, folder.parent_path() / "lib/libmavix-api.so.1"});
+    add("load/0/gdbus", {load, "libgio-2.0.so.0"});
     benchmark::RunSpecifiedBenchmarks();
     return 0;
 }
