@@ -271,7 +271,8 @@ bool TCIpcClient::m_ReadReply(TIIpcMessage& reply, TCMessageBuffer& output, cons
         output.PushConcatenated(size, data);
     }
     IpcNativeAuxData aux;
-    if (aux.AuxiliaryFlagsPresent(replyValue)) {
+    // Most replies announce nothing, and asking for the tags costs two allocations.
+    if (replyValue != replyWellFormed && aux.AuxiliaryFlagsPresent(replyValue)) {
         if (!reply.PopSkip()) {
             MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, callFunction, "Expected parameter");
             return false;
