@@ -44,8 +44,8 @@ public:
         }
         const VariantHandle bytes(g_variant_get_child_value(body, 2));
         gsize size = 0;
-        g_variant_get_fixed_array(bytes.get(), &size, 1);
-        ExpectSize(payload.size(), size);
+        const void* data = g_variant_get_fixed_array(bytes.get(), &size, 1);
+        TakeAnswer(payload.size(), data, size);
     }
 
     void CallAsync(const std::vector<char>& payload) override {

@@ -43,7 +43,7 @@ public:
                                             DBUS_TYPE_INVALID) == FALSE) {
             Fail("a call of libdbus failed");
         }
-        ExpectSize(payload.size(), static_cast<std::size_t>(count));
+        TakeAnswer(payload.size(), bytes, static_cast<std::size_t>(count));
     }
 
 private:

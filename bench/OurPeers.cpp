@@ -38,7 +38,7 @@ public:
                                                                          "/com/norvale/Mavix/SignalObject"),
                    g_main_context_default(), std::make_unique<MavixApiLite::TCDbusConnection>(10, false)) {}
 
-    // The input and the output are copied as the flat functions copy them.
+    // The input is copied as the flat functions copy it.
     void Call(const std::vector<char>& payload) override {
         MavixApiLite::TCMessageBuffer input;
         MavixApiLite::TCMessageBuffer output;
@@ -46,8 +46,7 @@ public:
         if (!m_client.Call(calledInterface, echoCode, input, output)) {
             Fail("TCIpcClient::Call failed");
         }
-        const std::vector<char> answer(output.GetAsCStr(0), output.GetAsCStr(0) + output.PayloadSize());
-        ExpectSize(payload.size(), answer.size());
+        TakeAnswer(payload.size(), output.GetAsCStr(0), output.PayloadSize());
     }
 
 private:

@@ -1,5 +1,6 @@
 #include "Peer.h"
 
+#include <cstring>
 #include <stdexcept>
 
 namespace MavixBench {
@@ -37,6 +38,16 @@ void ExpectSize(std::size_t expected, std::size_t actual) {
     if (actual != expected) {
         Fail("an answer of " + std::to_string(actual) + " bytes instead of " + std::to_string(expected));
     }
+}
+
+void TakeAnswer(std::size_t expected, const void* data, std::size_t size) {
+    ExpectSize(expected, size);
+    const std::unique_ptr<char[]> own(new char[size]);
+    if (size != 0) {
+        std::memcpy(own.get(), data, size);
+    }
+    // So that the copy is made.
+    asm volatile("" : : "r"(own.get()) : "memory");
 }
 
 } // namespace MavixBench

@@ -15,7 +15,8 @@ class TIPeer {
 public:
     virtual ~TIPeer();
 
-    // Sends the payload, waits for the answer and looks at its size.
+    // Sends the payload, waits for the answer, copies its bytes into memory of the caller's own, which the
+    // bus library's is not, and looks at their number.
     virtual void Call(const std::vector<char>& payload) = 0;
     // Sends the payload and asks for no answer.
     virtual void CallAsync(const std::vector<char>& payload);
@@ -40,6 +41,7 @@ constexpr short echoCode = 0;
 
 [[noreturn]] void Fail(const std::string& what);
 void ExpectSize(std::size_t expected, std::size_t actual);
+void TakeAnswer(std::size_t expected, const void* data, std::size_t size);
 
 } // namespace MavixBench
 

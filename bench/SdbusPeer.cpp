@@ -37,7 +37,7 @@ public:
         std::size_t size = 0;
         Check(sd_bus_message_skip(answer, "yi"), "answer");
         Check(sd_bus_message_read_array(answer, 'y', &bytes, &size), "answer");
-        ExpectSize(payload.size(), size);
+        TakeAnswer(payload.size(), bytes, size);
     }
 
 private:
