@@ -1,0 +1,13 @@
+#ifndef MAVIX_CONTROL_COMMANDS_H
+#define MAVIX_CONTROL_COMMANDS_H
+
+#include "Command.h"
+
+// Every command, in the order of the help.
+namespace MavixControl {
+
+void AddRouteCommand(CLI::App& application, TSSettings& settings, int& exitCode);
+
+} // namespace MavixControl
+
+#endif
