@@ -6,6 +6,7 @@
 // Every command, in the order of the help.
 namespace MavixControl {
 
+void AddCallCommand(CLI::App& application, TSSettings& settings, int& exitCode);
 void AddRouteCommand(CLI::App& application, TSSettings& settings, int& exitCode);
 
 } // namespace MavixControl

@@ -1,4 +1,5 @@
 #include "Commands.h"
+#include "LibraryLog.h"
 #include "Output.h"
 
 #include <exception>
@@ -28,14 +29,27 @@ std::string CommandNames(const CLI::App& application) {
     return names;
 }
 
+const CLI::Option* MissingArgument(const CLI::App& command) {
+    for (const CLI::Option* option : command.get_options())
+        if (option->get_required() && option->count() == 0)
+            return option;
+    return nullptr;
+}
+
 std::string Complaint(const CLI::App& application, const CLI::ParseError& error) {
-    const CLI::App& last = LastCommand(application);
-    const std::string choices = CommandNames(last);
-    if (choices.empty())
-        return error.what();
-    const std::vector<std::string> words = application.remaining(true);
-    return words.empty() ? "a command is missing, one of " + choices
-                         : "'" + words.front() + "' is none of " + choices;
+    const CLI::App& command = LastCommand(application);
+    const std::string choices = CommandNames(command);
+    const std::vector<std::string> words = command.remaining();
+    const std::string word = words.empty() ? "" : "'" + words.front() + "'";
+    if (!choices.empty())
+        return word.empty() ? "a command is missing, one of " + choices : word + " is none of " + choices;
+    const CLI::Option* missing = MissingArgument(command);
+    if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr && missing != nullptr)
+        return missing->get_name() + " is missing: " + missing->get_description();
+    if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr && !word.empty())
+        return word + (word[1] == '-' ? " is no option of " : " is one argument too many for ") +
+               CommandName(application);
+    return error.what();
 }
 
 int ReportUsage(const CLI::App& application, const CLI::ParseError& error) {
@@ -52,6 +66,7 @@ int Run(int argc, char** argv) {
     CLI::App application("Talks to the Mavix service: calls, events, sessions, caches.", "mavixctl");
     application.set_version_flag("--version", "mavixctl " MAVIX_VERSION);
     application.require_subcommand(1);
+    AddCallCommand(application, settings, exitCode);
     AddRouteCommand(application, settings, exitCode);
     try {
         application.parse(argc, argv);
@@ -67,6 +82,7 @@ int Run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     using namespace MavixControl;
+    ReportAborts();
     int exitCode = Refused;
     try {
         exitCode = Run(argc, argv);

@@ -84,30 +84,6 @@ TEST(Route, NeedsNoBus) {
     EXPECT_EQ(RunControl({"route", "com.norvale.IAVControl"}, options).status, 0);
 }
 
-struct UsageRow {
-    Words arguments;
-    const char* message;
-};
-
-TEST(Route, SaysWhichArgumentIsWrongAndWhatWasExpected) {
-    const UsageRow rows[] = {
-        {{"route"}, "mavixctl: INTERFACE is required; see mavixctl route --help\n"},
-        {{"route", "IAVControl"},
-         "mavixctl: INTERFACE: 'IAVControl' is not an interface's name, such as com.norvale.IAVControl; see "
-         "mavixctl route --help\n"},
-        {{"route", "com.norvale.IAVControl", "32768"},
-         "mavixctl: CODE: '32768' is not a whole number from -32768 to 32767; see mavixctl route --help\n"},
-        {{"route", "com.norvale.IAVControl", "1", "2"},
-         "mavixctl: The following argument was not expected: 2; see mavixctl route --help\n"},
-    };
-    for (const UsageRow& row : rows) {
-        const ControlResult result = RunControl(row.arguments);
-        EXPECT_EQ(result.status, 2) << row.message;
-        EXPECT_EQ(result.errors, row.message);
-        EXPECT_EQ(result.output, "");
-    }
-}
-
 } // namespace
 
 } // namespace MavixTest

@@ -17,6 +17,83 @@ TEST(Usage, NamesTheCommandsToChooseFrom) {
     EXPECT_EQ(nothing.output + unknown.output, "");
 }
 
+struct UsageRow {
+    Words arguments;
+    std::string complaint;
+};
+
+TEST(Usage, SaysWhichArgumentIsWrongAndWhatWasExpected) {
+    const char* const interface = "com.norvale.IAVControl";
+    const std::string name = "INTERFACE is missing: Name of the interface, such as com.norvale.IAVControl";
+    const std::string noName = " is not an interface's name, such as com.norvale.IAVControl";
+    const std::string noCode = " is not a whole number from -32768 to 32767";
+    const std::string noValue = " is none of c:, s:, i:, l: and a number, str:, strz: and a text, hex: and "
+                                "digits, @file, -";
+    const std::string noBytes = " is not made of two hexadecimal digits a byte";
+    const std::string noTypes = " is none of c, s, i, l, str, strz, hex, hex:N";
+    const std::string noSeconds = " is not a number of seconds from 0 to 1000000";
+    const UsageRow rows[] = {
+        {{"route"}, name},
+        {{"route", "IAVControl"}, "INTERFACE: 'IAVControl'" + noName},
+        {{"route", ".com.norvale"}, "INTERFACE: '.com.norvale'" + noName},
+        {{"route", "com.1norvale"}, "INTERFACE: 'com.1norvale'" + noName},
+        {{"route", "com..norvale"}, "INTERFACE: 'com..norvale'" + noName},
+        {{"route", "com.norvale."}, "INTERFACE: 'com.norvale.'" + noName},
+        {{"route", "com.nor-vale"}, "INTERFACE: 'com.nor-vale'" + noName},
+        {{"route", ""}, "INTERFACE: ''" + noName},
+        {{"route", interface, "32768"}, "CODE: '32768'" + noCode},
+        {{"route", interface, "-32769"}, "CODE: '-32769'" + noCode},
+        {{"route", interface, "1x"}, "CODE: '1x'" + noCode},
+        {{"route", interface, "0x"}, "CODE: '0x'" + noCode},
+        {{"route", interface, ""}, "CODE: ''" + noCode},
+        {{"route", interface, "1", "2"}, "'2' is one argument too many for mavixctl route"},
+        {{"route", interface, "--nonsense"}, "'--nonsense' is no option of mavixctl route"},
+
+        {{"call"}, name},
+        {{"call", interface}, "CODE is missing: The function's code, from -32768 to 32767"},
+        {{"call", interface, "1", "q:5"}, "ARGUMENT: 'q:5'" + noValue},
+        {{"call", interface, "1", "5"}, "ARGUMENT: '5'" + noValue},
+        {{"call", interface, "1", ""}, "ARGUMENT: ''" + noValue},
+        {{"call", interface, "1", "i:1", "c:256"},
+         "ARGUMENT: 'c:256' is not a whole number of 8 bits, from -128 to 255"},
+        {{"call", interface, "1", "c:-129"},
+         "ARGUMENT: 'c:-129' is not a whole number of 8 bits, from -128 to 255"},
+        {{"call", interface, "1", "s:0x10000"},
+         "ARGUMENT: 's:0x10000' is not a whole number of 16 bits, from -32768 to 65535"},
+        {{"call", interface, "1", "i:4294967296"},
+         "ARGUMENT: 'i:4294967296' is not a whole number of 32 bits, from -2147483648 to 4294967295"},
+        {{"call", interface, "1", "l:18446744073709551616"},
+         "ARGUMENT: 'l:18446744073709551616' is not a whole number of 64 bits, from -9223372036854775808 to "
+         "18446744073709551615"},
+        {{"call", interface, "1", "i:"},
+         "ARGUMENT: 'i:' is not a whole number of 32 bits, from -2147483648 to 4294967295"},
+        {{"call", interface, "1", "hex:0"}, "ARGUMENT: 'hex:0'" + noBytes},
+        {{"call", interface, "1", "hex:0g"}, "ARGUMENT: 'hex:0g'" + noBytes},
+        {{"call", interface, "1", "hex:0 1"}, "ARGUMENT: 'hex:0 1'" + noBytes},
+        {{"call", interface, "1", "@/nonexistent"},
+         "ARGUMENT: '@/nonexistent' cannot be read: No such file or directory"},
+        {{"call", interface, "1", "@/"}, "ARGUMENT: '@/' cannot be read: Is a directory"},
+        {{"call", interface, "1", "@/dev/zero"},
+         "ARGUMENT: the payload is larger than the 16777216 bytes that a call can carry"},
+        {{"call", interface, "1", "--decode", "q"}, "--decode: 'q'" + noTypes},
+        {{"call", interface, "1", "--decode", "i,,i"}, "--decode: ''" + noTypes},
+        {{"call", interface, "1", "--decode", "hex:x"}, "--decode: 'hex:x'" + noTypes},
+        {{"call", interface, "1", "--decode"}, "--decode: 1 required TYPES missing"},
+        {{"call", interface, "1", "--decode", "i", "--hex"}, "--decode excludes --hex"},
+        {{"call", interface, "1", "--repeat", "0"},
+         "--repeat: '0' is not a whole number from 1 to 1000000000"},
+        {{"call", interface, "1", "--wait", "-1"}, "--wait: '-1'" + noSeconds},
+        {{"call", interface, "1", "--wait", "soon"}, "--wait: 'soon'" + noSeconds},
+    };
+    for (const UsageRow& row : rows) {
+        const ControlResult result = RunControl(row.arguments);
+        EXPECT_EQ(result.status, 2) << row.complaint;
+        EXPECT_EQ(result.errors,
+                  "mavixctl: " + row.complaint + "; see mavixctl " + row.arguments[0] + " --help\n");
+        EXPECT_EQ(result.output, "") << row.complaint;
+    }
+}
+
 TEST(Usage, HelpAndVersionGoToStandardOutput) {
     for (const char* word : {"--help", "--version"}) {
         const ControlResult result = RunControl({word});
