@@ -32,6 +32,10 @@ TEST(Usage, SaysWhichArgumentIsWrongAndWhatWasExpected) {
     const std::string noBytes = " is not made of two hexadecimal digits a byte";
     const std::string noTypes = " is none of c, s, i, l, str, strz, hex, hex:N";
     const std::string noSeconds = " is not a number of seconds from 0 to 1000000";
+    const std::string noType = " is no type of event: all, a number from 0 to 13, or one of Signal, "
+                               "PipelineSignal, Data, Program, Section, TextData, Dsm, CopyProtectionInfo, "
+                               "PESData, ExPESData, Ht, ATSC3Signalling, ATSC3Mpd, ATSC3Linkage";
+    const std::string noHandle = " is not two whole numbers from 0 to 4294967295 with a comma";
     const UsageRow rows[] = {
         {{"route"}, name},
         {{"route", "IAVControl"}, "INTERFACE: 'IAVControl'" + noName},
@@ -84,6 +88,17 @@ TEST(Usage, SaysWhichArgumentIsWrongAndWhatWasExpected) {
          "--repeat: '0' is not a whole number from 1 to 1000000000"},
         {{"call", interface, "1", "--wait", "-1"}, "--wait: '-1'" + noSeconds},
         {{"call", interface, "1", "--wait", "soon"}, "--wait: 'soon'" + noSeconds},
+
+        {{"listen"}, "TYPE is missing: Types of events by name or number, or all"},
+        {{"listen", "data"}, "TYPE: 'data'" + noType},
+        {{"listen", "Data", "14"}, "TYPE: '14'" + noType},
+        {{"listen", "Data", "--id", "2147483648"},
+         "--id: '2147483648' is not a whole number from -2147483648 to 2147483647"},
+        {{"listen", "Data", "--handle", "1"}, "--handle: '1'" + noHandle},
+        {{"listen", "Data", "--handle", "1,2,3"}, "--handle: '1,2,3'" + noHandle},
+        {{"listen", "Data", "--handle", "-1,2"}, "--handle: '-1,2'" + noHandle},
+        {{"listen", "Data", "--count", "0"}, "--count: '0' is not a whole number from 1 to 2147483647"},
+        {{"listen", "Data", "--timeout", "1e7"}, "--timeout: '1e7'" + noSeconds},
     };
     for (const UsageRow& row : rows) {
         const ControlResult result = RunControl(row.arguments);
