@@ -9,6 +9,7 @@ namespace MavixControl {
 void AddCallCommand(CLI::App& application, TSSettings& settings, int& exitCode);
 void AddListenCommand(CLI::App& application, TSSettings& settings, int& exitCode);
 void AddRouteCommand(CLI::App& application, TSSettings& settings, int& exitCode);
+void AddSessionCommand(CLI::App& application, TSSettings& settings, int& exitCode);
 
 } // namespace MavixControl
 

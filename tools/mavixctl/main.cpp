@@ -69,6 +69,7 @@ int Run(int argc, char** argv) {
     AddCallCommand(application, settings, exitCode);
     AddListenCommand(application, settings, exitCode);
     AddRouteCommand(application, settings, exitCode);
+    AddSessionCommand(application, settings, exitCode);
     try {
         application.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

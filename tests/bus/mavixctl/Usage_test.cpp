@@ -20,6 +20,8 @@ TEST(Usage, NamesTheCommandsToChooseFrom) {
 struct UsageRow {
     Words arguments;
     std::string complaint;
+    // Whose help it points to; the first word when empty.
+    std::string command = "";
 };
 
 TEST(Usage, SaysWhichArgumentIsWrongAndWhatWasExpected) {
@@ -99,12 +101,29 @@ TEST(Usage, SaysWhichArgumentIsWrongAndWhatWasExpected) {
         {{"listen", "Data", "--handle", "-1,2"}, "--handle: '-1,2'" + noHandle},
         {{"listen", "Data", "--count", "0"}, "--count: '0' is not a whole number from 1 to 2147483647"},
         {{"listen", "Data", "--timeout", "1e7"}, "--timeout: '1e7'" + noSeconds},
+
+        {{"session"}, "a command is missing, one of open, close, dump, terminated, trace"},
+        {{"session", "begin"}, "'begin' is none of open, close, dump, terminated, trace"},
+        {{"session", "open", "now"},
+         "'now' is one argument too many for mavixctl session open",
+         "session open"},
+        {{"session", "open", "--hold", "x"}, "--hold: 'x'" + noSeconds, "session open"},
+        {{"session", "close", "--hold", "1"},
+         "'--hold' is no option of mavixctl session close",
+         "session close"},
+        {{"session", "trace"}, "ID is missing: The trace's number", "session trace"},
+        {{"session", "trace", "x"},
+         "ID: 'x' is not a whole number from -9223372036854775807 to 9223372036854775807",
+         "session trace"},
+        {{"session", "trace", "1", "--param", "2147483648"},
+         "--param: '2147483648' is not a whole number from -2147483648 to 2147483647",
+         "session trace"},
     };
     for (const UsageRow& row : rows) {
         const ControlResult result = RunControl(row.arguments);
         EXPECT_EQ(result.status, 2) << row.complaint;
-        EXPECT_EQ(result.errors,
-                  "mavixctl: " + row.complaint + "; see mavixctl " + row.arguments[0] + " --help\n");
+        const std::string command = row.command.empty() ? row.arguments[0] : row.command;
+        EXPECT_EQ(result.errors, "mavixctl: " + row.complaint + "; see mavixctl " + command + " --help\n");
         EXPECT_EQ(result.output, "") << row.complaint;
     }
 }

@@ -1,0 +1,192 @@
+#include "BusLink.h"
+#include "Commands.h"
+#include "LibraryLog.h"
+#include "Output.h"
+#include "Service.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <fmt/format.h>
+#include <limits>
+#include <mavix-api/IPCConnection_C.h>
+#include <mavix-api/SessionControl_C.h>
+#include <memory>
+#include <sstream>
+
+namespace MavixControl {
+
+namespace {
+
+struct SessionOptions {
+    double waitSeconds = 0;
+    double holdSeconds = -1; // without limit
+    std::int64_t traceId = 0;
+    std::string info;
+    std::int32_t parameter = 0;
+};
+
+void IgnoreSignal(int /*signal*/) {}
+
+// Interrupting ends the wait and not the process, so that what was opened is closed.
+void CatchInterrupts() {
+    struct sigaction action {};
+    action.sa_handler = IgnoreSignal;
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        ::sigaction(signal, &action, nullptr);
+}
+
+// A result of the library's: 0 is success.
+EExitCode Report(const TSSettings& settings, const char* operation, int result, const TCErrorLines& lines,
+                 Json more = Json::object()) {
+    if (settings.json) {
+        Json object{{"operation", operation}, {"result", result}, {"ok", result == 0}};
+        object.update(more);
+        PrintJson(object);
+    } else if (result == 0 && more.empty()) {
+        PrintLine(fmt::format("{}: {}", operation, Paint(EColour::Good, "done")));
+    }
+    // The library logs each open and close as an error line of its own, also where it succeeds.
+    if (result == -1)
+        PrintError(fmt::format("{} failed: {}", operation, lines.Describe()));
+    else if (result != 0)
+        PrintError(fmt::format("{} failed: the service answered {}", operation, result));
+    // Whoever waits for it reads along.
+    FlushOutput();
+    return result == 0 ? Done : Refused;
+}
+
+void Hold(const TCBusLink& link, double seconds) {
+    if (!link.Wait(seconds))
+        throw TCFailure(NoService, busHasGone);
+}
+
+EExitCode Open(const TSSettings& settings, const SessionOptions& options, const TCBusLink& link) {
+    CatchInterrupts();
+    {
+        const TCErrorLines lines;
+        const EExitCode opened = Report(settings, "open", SessionControl__Open(), lines);
+        if (opened != Done)
+            return opened;
+    }
+    Hold(link, options.holdSeconds);
+    const TCErrorLines lines;
+    return Report(settings, "close", SessionControl__Close(), lines);
+}
+
+// The library itself closes no session that it has not opened, so this asks the service directly.
+EExitCode Close(const TSSettings& settings) {
+    constexpr short closeCode = 1;
+    const TCErrorLines lines;
+    void* reply = nullptr;
+    unsigned int size = 0;
+    std::int32_t result = -1;
+    if (IPCConnection__Call("com.norvale.ISessionControl", closeCode, nullptr, 0, &reply, &size) &&
+        size >= sizeof result)
+        std::memcpy(&result, reply, sizeof result);
+    IPCConnection__CallDisposeOutputBuffer(reply);
+    return Report(settings, "close", result, lines);
+}
+
+EExitCode Dump(const TSSettings& settings) {
+    const TCErrorLines lines;
+    char* text = nullptr;
+    const int result = SessionControl__GetSessionsDebugInfo(&text);
+    const std::unique_ptr<char, decltype(&std::free)> owned(text, &std::free);
+    if (result != 0)
+        return Report(settings, "dump", result, lines);
+    if (settings.json)
+        return Report(settings, "dump", result, lines, {{"text", text}});
+    std::istringstream textLines(text);
+    for (std::string line; std::getline(textLines, line);)
+        PrintLine(Printable(line));
+    return Done;
+}
+
+EExitCode Terminated(const TSSettings& settings) {
+    const TCErrorLines lines;
+    int isTerminated = 0;
+    const int result = SessionControl__IsMavixTerminated(&isTerminated);
+    if (result != 0)
+        return Report(settings, "terminated", result, lines);
+    if (settings.json)
+        return Report(settings, "terminated", result, lines, {{"terminated", isTerminated != 0}});
+    PrintLine(isTerminated != 0 ? Paint(EColour::Bad, "terminated") : "not terminated");
+    return Done;
+}
+
+EExitCode Trace(const TSSettings& settings, const SessionOptions& options, const TCBusLink& link) {
+    CatchInterrupts();
+    SessionControlDebugInfo info{};
+    info.structSize = sizeof info;
+    info.callerInfo = options.info.c_str();
+    info.traceParam = options.parameter;
+    {
+        const TCErrorLines lines;
+        const EExitCode opened =
+            Report(settings, "open trace", SessionControl__OpenDebugTrace(options.traceId, &info), lines);
+        if (opened != Done)
+            return opened;
+    }
+    Hold(link, options.holdSeconds);
+    const TCErrorLines lines;
+    return Report(settings, "close trace", SessionControl__CloseDebugTrace(options.traceId), lines);
+}
+
+template <class Body>
+CLI::App* AddOperation(CLI::App& session, TSSettings& settings, int& exitCode,
+                       const std::shared_ptr<SessionOptions>& options, const std::string& name,
+                       const std::string& description, const std::string& arguments, const Body& body) {
+    CLI::App* command =
+        AddCommand(session, settings, name, description, "mavixctl session " + name + arguments);
+    command
+        ->add_option("--wait", options->waitSeconds, "Wait so long for the service to appear; 0 unless given")
+        ->type_name("SECONDS")
+        ->check(Seconds());
+    command->callback([options, body, &exitCode] {
+        const TCBusLink link;
+        link.RequireOwner(MavixApiLite::MavixLiteInterfaceName, options->waitSeconds);
+        exitCode = body(link);
+    });
+    return command;
+}
+
+void AddHold(CLI::App& command, SessionOptions& options, const char* description) {
+    command.add_option("--hold", options.holdSeconds, description)->type_name("SECONDS")->check(Seconds());
+}
+
+} // namespace
+
+void AddSessionCommand(CLI::App& application, TSSettings& settings, int& exitCode) {
+    using Limits64 = std::numeric_limits<std::int64_t>;
+    using Limits32 = std::numeric_limits<std::int32_t>;
+    CLI::App* session = application.add_subcommand("session", "Sessions with the service");
+    session->require_subcommand(1);
+    const auto options = std::make_shared<SessionOptions>();
+    const auto add = [&](const char* name, const char* description, const char* arguments, const auto& body) {
+        return AddOperation(*session, settings, exitCode, options, name, description, arguments, body);
+    };
+    CLI::App* open =
+        add("open", "Open a session, keep it, and close it", " --hold 60",
+            [&settings, options](const TCBusLink& link) { return Open(settings, *options, link); });
+    AddHold(*open, *options, "Keep the session so long; until interrupted unless given");
+    add("close", "Ask the service to close a session that was not opened", "",
+        [&settings](const TCBusLink&) { return Close(settings); });
+    add("dump", "Print the service's text about its sessions", "",
+        [&settings](const TCBusLink&) { return Dump(settings); });
+    add("terminated", "Ask whether the service has been terminated", "",
+        [&settings](const TCBusLink&) { return Terminated(settings); });
+    CLI::App* trace =
+        add("trace", "Open a debug trace, keep it, and close it", " 7 --info \"my test\" --param 3",
+            [&settings, options](const TCBusLink& link) { return Trace(settings, *options, link); });
+    trace->add_option("ID", options->traceId, "The trace's number")
+        ->required()
+        ->type_name("")
+        ->transform(Number(Limits64::min() + 1, Limits64::max()));
+    trace->add_option("--info", options->info, "A text about the caller")->type_name("TEXT");
+    trace->add_option("--param", options->parameter, "A number for the service")
+        ->type_name("N")
+        ->transform(Number(Limits32::min(), Limits32::max()));
+    AddHold(*trace, *options, "Keep the trace so long; until interrupted unless given");
+}
+
+} // namespace MavixControl
