@@ -18,6 +18,7 @@ namespace MavixControl {
 
 namespace {
 
+constexpr int warningPriority = 5;
 constexpr int errorPriority = 6;
 constexpr std::size_t mostLines = 8;
 constexpr std::size_t longestLine = 1024;
@@ -26,6 +27,7 @@ constexpr std::size_t longestLine = 1024;
 struct Lines {
     bool wanted = false;
     std::size_t count = 0;
+    int priorities[mostLines] = {};
     char texts[mostLines][longestLine] = {};
 };
 thread_local Lines t_lines;
@@ -34,11 +36,17 @@ thread_local Lines t_lines;
 char s_assertion[longestLine];
 std::atomic<bool> s_hasAssertion{false};
 
-// What stands behind the library's prefix "<source>: <function>(<line>) > ".
+// What stands behind the library's prefix "<source>: <function>(<line>) > ", and behind the function and line
+// that the cache repeats.
 std::string_view WithoutPrefix(std::string_view line) {
     constexpr std::string_view mark = ") > ";
+    constexpr std::string_view repeated = "():";
     const std::size_t at = line.find(mark);
-    return at == std::string_view::npos ? line : line.substr(at + mark.size());
+    if (at == std::string_view::npos)
+        return line;
+    line.remove_prefix(at + mark.size());
+    const std::size_t blank = line.find(' ');
+    return line.substr(0, blank).find(repeated) == std::string_view::npos ? line : line.substr(blank + 1);
 }
 
 bool DropFront(std::string_view& text, std::string_view front) {
@@ -48,9 +56,11 @@ bool DropFront(std::string_view& text, std::string_view front) {
     return true;
 }
 
-void Keep(const char* line) {
-    if (t_lines.wanted && t_lines.count < mostLines)
+void Keep(int priority, const char* line) {
+    if (t_lines.wanted && t_lines.count < mostLines) {
+        t_lines.priorities[t_lines.count] = priority;
         std::snprintf(t_lines.texts[t_lines.count++], longestLine, "%s", line);
+    }
     if (std::strstr(line, "MAVIX Assertion failed") != nullptr && !s_hasAssertion) {
         const std::string_view text = WithoutPrefix(line);
         std::snprintf(s_assertion, sizeof s_assertion, "%.*s", static_cast<int>(text.size()), text.data());
@@ -91,6 +101,10 @@ TCErrorLines::~TCErrorLines() {
     t_lines.wanted = false;
 }
 
+bool TCErrorLines::HasLines() const {
+    return t_lines.count > 0;
+}
+
 std::string TCErrorLines::ErrorName() const {
     for (std::size_t i = 0; i < t_lines.count; ++i) {
         std::string_view line = WithoutPrefix(t_lines.texts[i]);
@@ -102,6 +116,7 @@ std::string TCErrorLines::ErrorName() const {
 
 std::string TCErrorLines::Reason() const {
     const bool hasName = !ErrorName().empty();
+    std::string warning;
     std::string first;
     std::string own;
     for (std::size_t i = 0; i < t_lines.count; ++i) {
@@ -111,6 +126,11 @@ std::string TCErrorLines::Reason() const {
         // Texts of errors stand in quotes; the lines before them tell the operation only.
         if (line.size() >= 2 && line.front() == '\'' && line.back() == '\'')
             return std::string(line.substr(1, line.size() - 2));
+        if (t_lines.priorities[i] < errorPriority) {
+            if (warning.empty())
+                warning = line;
+            continue;
+        }
         if (isOwn && own.empty())
             own = line;
         if (!isPeers && first.empty())
@@ -119,6 +139,7 @@ std::string TCErrorLines::Reason() const {
     if (hasName)
         return "without a text";
     first = own.empty() ? first : own;
+    first = first.empty() ? warning : first;
     return first.empty() ? "no reason is given" : first;
 }
 
@@ -152,8 +173,8 @@ __dlog_print(int logId, int priority, const char* tag, const char* format, ...) 
         text = longer.data();
     }
     va_end(again);
-    if (priority >= errorPriority)
-        Keep(text);
+    if (priority >= warningPriority)
+        Keep(priority, text);
     const PrintFunction print = PlatformPrint();
     return print != nullptr ? print(logId, priority, tag, "%s", text) : 0;
 }

@@ -5,8 +5,8 @@
 
 namespace MavixControl {
 
-// Keeps the error lines that the library logs on this thread, the only place where it says why an operation
-// failed. One at a time on a thread. Every line goes on to the platform's log.
+// Keeps the warnings and errors that the library logs on this thread, the only place where it says why an
+// operation failed. One at a time on a thread. Every line goes on to the platform's log.
 class TCErrorLines final {
 public:
     TCErrorLines();
@@ -14,6 +14,7 @@ public:
     TCErrorLines& operator=(const TCErrorLines&) = delete;
     ~TCErrorLines();
 
+    bool HasLines() const;
     // What a peer or the bus gave as its error, if it did; empty otherwise.
     std::string ErrorName() const;
     // The error's text, or what went wrong first; never empty.

@@ -67,6 +67,7 @@ int Run(int argc, char** argv) {
     application.set_version_flag("--version", "mavixctl " MAVIX_VERSION);
     application.require_subcommand(1);
     AddCallCommand(application, settings, exitCode);
+    AddCacheCommand(application, settings, exitCode);
     AddListenCommand(application, settings, exitCode);
     AddRouteCommand(application, settings, exitCode);
     AddSessionCommand(application, settings, exitCode);

@@ -38,6 +38,7 @@ TEST(Usage, SaysWhichArgumentIsWrongAndWhatWasExpected) {
                                "PipelineSignal, Data, Program, Section, TextData, Dsm, CopyProtectionInfo, "
                                "PESData, ExPESData, Ht, ATSC3Signalling, ATSC3Mpd, ATSC3Linkage";
     const std::string noHandle = " is not two whole numbers from 0 to 4294967295 with a comma";
+    const std::string noCache = " is not a cache's name: a file's name, with a / at most in front";
     const UsageRow rows[] = {
         {{"route"}, name},
         {{"route", "IAVControl"}, "INTERFACE: 'IAVControl'" + noName},
@@ -118,6 +119,27 @@ TEST(Usage, SaysWhichArgumentIsWrongAndWhatWasExpected) {
         {{"session", "trace", "1", "--param", "2147483648"},
          "--param: '2147483648' is not a whole number from -2147483648 to 2147483647",
          "session trace"},
+
+        {{"cache"}, "a command is missing, one of get, set, reset, list, verify, watch"},
+        {{"cache", "delete"}, "'delete' is none of get, set, reset, list, verify, watch"},
+        {{"cache", "get"}, "NAME is missing: The cache's name", "cache get"},
+        {{"cache", "get", "demo"}, "KEY is missing: The value's name", "cache get"},
+        {{"cache", "get", "demo", ""}, "KEY: '' is not a value's name", "cache get"},
+        {{"cache", "get", "demo", "key", "--id", "-1"},
+         "--id: '-1' is not a whole number from 0 to 9223372036854775807",
+         "cache get"},
+        {{"cache", "get", "a/b", "key"}, "NAME: 'a/b'" + noCache, "cache get"},
+        {{"cache", "list", ""}, "NAME: ''" + noCache, "cache list"},
+        {{"cache", "list", ".."}, "NAME: '..'" + noCache, "cache list"},
+        {{"cache", "verify", "/"}, "NAME: '/'" + noCache, "cache verify"},
+        {{"cache", "set", "demo", "key"},
+         "VALUE is missing: The value's bytes, in the words that the arguments of call have",
+         "cache set"},
+        {{"cache", "set", "demo", "key", "5"}, "VALUE: '5'" + noValue, "cache set"},
+        {{"cache", "reset", "demo", "key", "more"},
+         "'more' is one argument too many for mavixctl cache reset",
+         "cache reset"},
+        {{"cache", "watch", "demo", "--interval", "-1"}, "--interval: '-1'" + noSeconds, "cache watch"},
     };
     for (const UsageRow& row : rows) {
         const ControlResult result = RunControl(row.arguments);
