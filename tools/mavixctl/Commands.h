@@ -6,6 +6,7 @@
 // Every command, in the order of the help.
 namespace MavixControl {
 
+void AddBenchCommand(CLI::App& application, TSSettings& settings, int& exitCode);
 void AddCacheCommand(CLI::App& application, TSSettings& settings, int& exitCode);
 void AddCallCommand(CLI::App& application, TSSettings& settings, int& exitCode);
 void AddListenCommand(CLI::App& application, TSSettings& settings, int& exitCode);

@@ -68,6 +68,7 @@ int Run(int argc, char** argv) {
     application.require_subcommand(1);
     AddCallCommand(application, settings, exitCode);
     AddCacheCommand(application, settings, exitCode);
+    AddBenchCommand(application, settings, exitCode);
     AddListenCommand(application, settings, exitCode);
     AddRouteCommand(application, settings, exitCode);
     AddSessionCommand(application, settings, exitCode);

@@ -140,6 +140,13 @@ TEST(Usage, SaysWhichArgumentIsWrongAndWhatWasExpected) {
          "'more' is one argument too many for mavixctl cache reset",
          "cache reset"},
         {{"cache", "watch", "demo", "--interval", "-1"}, "--interval: '-1'" + noSeconds, "cache watch"},
+
+        {{"bench"}, name},
+        {{"bench", interface}, "CODE is missing: The function's code, from -32768 to 32767"},
+        {{"bench", interface, "1", "--size", "16777217"},
+         "--size: '16777217' is not a whole number from 0 to 16777216"},
+        {{"bench", interface, "1", "--threads", "0"}, "--threads: '0' is not a whole number from 1 to 1024"},
+        {{"bench", interface, "1", "--seconds", "nan"}, "--seconds: 'nan'" + noSeconds},
     };
     for (const UsageRow& row : rows) {
         const ControlResult result = RunControl(row.arguments);
