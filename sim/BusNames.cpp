@@ -14,9 +14,12 @@ constexpr std::chrono::milliseconds predecessorPause{5};
 
 } // namespace
 
-void TCBusNames::TakeAll(const Role& role) {
+void TCBusNames::TakeServiceNames(const Role& role) {
     for (const std::string& name : role.busNames)
         m_TakeFromPredecessor(name);
+}
+
+void TCBusNames::TakeControlName(const Role& role) {
     // A bus without the sandbox's policy refuses this one, and then the service names serve for control.
     try {
         m_TakeFromPredecessor(role.controlName);

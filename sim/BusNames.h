@@ -13,8 +13,9 @@ class TCBusNames final {
 public:
     TCBusNames(sd_bus* bus, TCTimers& timers) : m_bus(bus), m_timers(timers) {}
 
-    // Takes all of a role's names; waits a little for a predecessor that the bus has not yet seen off.
-    void TakeAll(const Role& role);
+    // Wait a little for a predecessor that the bus has not yet seen off.
+    void TakeServiceNames(const Role& role);
+    void TakeControlName(const Role& role);
     void Take(const std::string& name);
     void Drop(const std::string& name);
     // Drops the name and takes it back later.

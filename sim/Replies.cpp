@@ -79,10 +79,11 @@ std::uint8_t AuxReplyByte(AuxVariant variant) {
     return static_cast<std::uint8_t>(value);
 }
 
-MessageHandle MakeAuxReply(TCReplyWriter writer, const Parameter& parameter, std::uint64_t receivedMs) {
+MessageHandle MakeAuxReply(TCReplyWriter writer, const Parameter& parameter, const Parameter& echoed,
+                           std::uint64_t receivedMs) {
     const auto variant = static_cast<AuxVariant>(parameter.Variant());
     const Bytes block = AuxBlockOf(variant, receivedMs);
-    writer.Byte(AuxReplyByte(variant)).LengthAndArray(parameter.data, parameter.size);
+    writer.Byte(AuxReplyByte(variant)).LengthAndArray(echoed.data, echoed.size);
     if (variant == AuxVariant::WrongType)
         writer.Int(4).Text("text");
     else
@@ -100,12 +101,12 @@ MessageHandle MakeBrokenByteReply(TCReplyWriter writer, const Parameter& paramet
         .Finish();
 }
 
-MessageHandle MakeWrongTypesReply(TCReplyWriter writer, const Parameter& parameter) {
+MessageHandle MakeWrongTypesReply(TCReplyWriter writer, const Parameter& parameter, const Parameter& echoed) {
     switch (static_cast<WrongTypesVariant>(parameter.Variant())) {
     case WrongTypesVariant::TextForByte:
-        return writer.Text("1").LengthAndArray(parameter.data, parameter.size).Finish();
+        return writer.Text("1").LengthAndArray(echoed.data, echoed.size).Finish();
     case WrongTypesVariant::IntForByte:
-        return writer.Int(1).LengthAndArray(parameter.data, parameter.size).Finish();
+        return writer.Int(1).LengthAndArray(echoed.data, echoed.size).Finish();
     case WrongTypesVariant::ByteOnly:
         return writer.Byte(1).Finish();
     case WrongTypesVariant::NoPayload:
@@ -119,11 +120,11 @@ MessageHandle MakeWrongTypesReply(TCReplyWriter writer, const Parameter& paramet
     case WrongTypesVariant::VariantPayload:
         return writer.Byte(1).Int(4).Other("v", "i", 1).Finish();
     case WrongTypesVariant::PayloadForLength:
-        return writer.Byte(1).Array(parameter.data, parameter.size).Finish();
+        return writer.Byte(1).Array(echoed.data, echoed.size).Finish();
     case WrongTypesVariant::TextForLength:
-        return writer.Byte(1).Text("length").Array(parameter.data, parameter.size).Finish();
+        return writer.Byte(1).Text("length").Array(echoed.data, echoed.size).Finish();
     case WrongTypesVariant::MoreArguments:
-        return writer.Byte(1).LengthAndArray(parameter.data, parameter.size).Text("more").Finish();
+        return writer.Byte(1).LengthAndArray(echoed.data, echoed.size).Text("more").Finish();
     }
     throw Refusal("no variant " + std::to_string(parameter.Variant()));
 }
@@ -180,13 +181,13 @@ std::string Parameter::Text() const {
 }
 
 MessageHandle MakeReply(sd_bus_message* request, Behaviour behaviour, const Parameter& parameter,
-                        std::uint64_t receivedMs) {
+                        const Parameter& echoed, std::uint64_t receivedMs) {
     TCReplyWriter writer(request);
     switch (behaviour) {
     case Behaviour::Echo:
     case Behaviour::Delay:
     case Behaviour::DropName:
-        return writer.Byte(wellFormed).LengthAndArray(parameter.data, parameter.size).Finish();
+        return writer.Byte(wellFormed).LengthAndArray(echoed.data, echoed.size).Finish();
     case Behaviour::Error:
     case Behaviour::ErrorNoText:
     case Behaviour::ErrorIntText:
@@ -194,19 +195,17 @@ MessageHandle MakeReply(sd_bus_message* request, Behaviour behaviour, const Para
     case Behaviour::BrokenByte:
         return MakeBrokenByteReply(std::move(writer), parameter, receivedMs);
     case Behaviour::Aux:
-        return MakeAuxReply(std::move(writer), parameter, receivedMs);
+        return MakeAuxReply(std::move(writer), parameter, echoed, receivedMs);
     case Behaviour::AuxAbsent:
-        return writer.Byte(wellFormed | tagTimestampSent)
-            .LengthAndArray(parameter.data, parameter.size)
-            .Finish();
+        return writer.Byte(wellFormed | tagTimestampSent).LengthAndArray(echoed.data, echoed.size).Finish();
     case Behaviour::WrongTypes:
-        return MakeWrongTypesReply(std::move(writer), parameter);
+        return MakeWrongTypesReply(std::move(writer), parameter, echoed);
     case Behaviour::BigReply:
         return MakeBigReply(std::move(writer), parameter);
     case Behaviour::LengthLies:
         return writer.Byte(wellFormed)
-            .Int(static_cast<std::int32_t>(parameter.size) + lengthLie)
-            .Array(parameter.data, parameter.size)
+            .Int(static_cast<std::int32_t>(echoed.size) + lengthLie)
+            .Array(echoed.data, echoed.size)
             .Finish();
     case Behaviour::EmptyReturn:
         return writer.Finish();

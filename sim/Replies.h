@@ -23,10 +23,10 @@ struct Parameter {
     std::string Text() const;
 };
 
-// Makes the reply of a behaviour. `received` is when the call was taken up, for the auxiliary block. Null for
-// behaviours that answer nothing.
+// Makes the reply of a behaviour. Behaviours that echo answer with `echoed`. `received` is when the call was
+// taken up, for the auxiliary block. Null for behaviours that answer nothing.
 MessageHandle MakeReply(sd_bus_message* request, Behaviour behaviour, const Parameter& parameter,
-                        std::uint64_t receivedMs);
+                        const Parameter& echoed, std::uint64_t receivedMs);
 
 void SendReply(MessageHandle reply);
 void SendError(sd_bus_message* request, const std::string& name, const std::string& text);

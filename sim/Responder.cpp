@@ -14,16 +14,17 @@ std::uint32_t Milliseconds(const Parameter& parameter) {
     return static_cast<std::uint32_t>(std::max(parameter.Number(), 0));
 }
 
-// A rule's own parameter, else the call's payload.
-Parameter ParameterOf(const Call& call, const std::vector<std::uint8_t>& ruled) {
-    return ruled.empty() ? Parameter{call.payload, call.payloadSize} : Parameter{ruled.data(), ruled.size()};
+// A plan's own parameter, else the call's payload.
+Parameter ParameterOf(const Call& call, const Plan& plan) {
+    return plan.parameter.empty() ? Parameter{call.payload, call.payloadSize}
+                                  : Parameter{plan.parameter.data(), plan.parameter.size()};
 }
 
 // Whether the session interface does what is asked; otherwise it only answers as it was told.
-bool DoesSessionCall(const Call& call, Behaviour behaviour, bool hasOwnParameter) {
-    return call.interface == sessionInterface &&
-           ((behaviour == Behaviour::Echo && !hasOwnParameter) || behaviour == Behaviour::Delay ||
-            behaviour == Behaviour::DropName);
+bool DoesSessionCall(const Call& call, const Plan& plan) {
+    return call.interface == sessionInterface && !plan.answer &&
+           (plan.behaviour == Behaviour::Echo || plan.behaviour == Behaviour::Delay ||
+            plan.behaviour == Behaviour::DropName);
 }
 
 } // namespace
@@ -33,34 +34,52 @@ void TCResponder::SetReply(const std::string& interface, std::int16_t code, Beha
     m_rules[{interface, interface.empty() ? std::int16_t{0} : code}] = Rule{behaviour, std::move(parameter)};
 }
 
-std::optional<TCResponder::Rule> TCResponder::m_RuleFor(const Call& call) const {
-    if (call.interface == testInterface) {
-        if (call.Code() >= behaviourCount)
-            return std::nullopt;
-        return Rule{call.Code() < 0 ? Behaviour::Echo : static_cast<Behaviour>(call.Code()), {}};
-    }
+std::optional<Plan> TCResponder::m_RuledPlan(const Call& call) const {
     auto found = m_rules.find({call.interface, call.Code()});
     if (found == m_rules.end())
         found = m_rules.find({"", 0});
-    return found == m_rules.end() ? Rule{Behaviour::Echo, {}} : found->second;
+    if (found == m_rules.end() || call.interface == testInterface)
+        return std::nullopt;
+    Plan plan;
+    plan.behaviour = found->second.behaviour;
+    plan.parameter = found->second.parameter;
+    const bool onlyWaits = plan.behaviour == Behaviour::Delay || plan.behaviour == Behaviour::DropName;
+    if (!plan.parameter.empty() && !(onlyWaits && call.interface == sessionInterface))
+        plan.answer = plan.parameter;
+    return plan;
+}
+
+std::optional<Plan> TCResponder::m_PlanFor(const Call& call) const {
+    if (std::optional<Plan> plan = m_RuledPlan(call))
+        return plan;
+    if (m_plans)
+        if (std::optional<Plan> plan = m_plans(call))
+            return plan;
+    Plan plan;
+    if (call.interface == testInterface && call.Code() >= 0) {
+        if (call.Code() >= behaviourCount)
+            return std::nullopt;
+        plan.behaviour = static_cast<Behaviour>(call.Code());
+    }
+    return plan;
 }
 
 void TCResponder::Respond(sd_bus_message* request, const Call& call) {
-    const std::optional<Rule> rule = m_RuleFor(call);
-    if (!rule) {
+    const std::optional<Plan> plan = m_PlanFor(call);
+    if (!plan) {
         Refuse(request, call, "the test interface has no function " + std::to_string(call.Code()));
         return;
     }
-    std::uint32_t delayMs = m_delayMs;
-    if (rule->behaviour == Behaviour::Delay)
-        delayMs += Milliseconds(ParameterOf(call, rule->parameter));
+    std::uint32_t delayMs = m_delayMs + plan->delayMs;
+    if (plan->behaviour == Behaviour::Delay)
+        delayMs += Milliseconds(ParameterOf(call, *plan));
     if (delayMs == 0) {
-        m_AnswerOrRefuse(request, call, *rule);
+        m_AnswerOrRefuse(request, call, *plan);
         return;
     }
     // Actions are copied, so the message is held through a shared handle.
     const std::shared_ptr<sd_bus_message> held(sd_bus_message_ref(request), sd_bus_message_unref);
-    m_timers.After(delayMs, [this, held, call, rule] { m_AnswerOrRefuse(held.get(), call, *rule); });
+    m_timers.After(delayMs, [this, held, call, plan] { m_AnswerOrRefuse(held.get(), call, *plan); });
 }
 
 void TCResponder::Refuse(sd_bus_message* request, const Call& call, const std::string& reason) {
@@ -69,31 +88,37 @@ void TCResponder::Refuse(sd_bus_message* request, const Call& call, const std::s
         SendError(request, refusalErrorName, reason);
 }
 
-void TCResponder::m_AnswerOrRefuse(sd_bus_message* request, const Call& call, const Rule& rule) {
+void TCResponder::m_AnswerOrRefuse(sd_bus_message* request, const Call& call, const Plan& plan) {
     try {
-        m_Answer(request, call, rule);
+        m_Answer(request, call, plan);
     } catch (const Refusal& refusal) {
         Refuse(request, call, refusal.what());
     }
 }
 
-void TCResponder::m_Answer(sd_bus_message* request, const Call& call, const Rule& rule) {
-    const Parameter parameter = ParameterOf(call, rule.parameter);
-    if (rule.behaviour == Behaviour::Exit) {
+void TCResponder::m_Answer(sd_bus_message* request, const Call& call, const Plan& plan) {
+    if (plan.before)
+        plan.before();
+    const Parameter parameter = ParameterOf(call, plan);
+    if (plan.behaviour == Behaviour::Exit) {
         Check(sd_event_exit(m_event, parameter.Number()), "exit");
         return;
     }
     std::vector<std::uint8_t> answer;
-    Parameter echoed = parameter;
-    if (DoesSessionCall(call, rule.behaviour, !rule.parameter.empty())) {
+    Parameter echoed{call.payload, call.payloadSize};
+    if (DoesSessionCall(call, plan)) {
         answer = m_sessions.Answer(call);
         echoed = Parameter{answer.data(), answer.size()};
     }
+    if (plan.answer)
+        echoed = Parameter{plan.answer->data(), plan.answer->size()};
     if (!call.noReply)
-        if (MessageHandle reply = MakeReply(request, rule.behaviour, echoed, call.takenUpMs))
+        if (MessageHandle reply = MakeReply(request, plan.behaviour, parameter, echoed, call.takenUpMs))
             SendReply(std::move(reply));
-    if (rule.behaviour == Behaviour::DropName)
+    if (plan.behaviour == Behaviour::DropName)
         m_names.DropFor(call.destination, Milliseconds(parameter));
+    if (plan.after)
+        plan.after();
 }
 
 } // namespace MavixSim

@@ -2,6 +2,7 @@
 #define MAVIX_SIM_RESPONDER_H
 
 #include "BusNames.h"
+#include "Plan.h"
 #include "Replies.h"
 #include "Sessions.h"
 
@@ -29,6 +30,9 @@ public:
     void SetReply(const std::string& interface, std::int16_t code, Behaviour behaviour,
                   std::vector<std::uint8_t> parameter);
     void ClearReplies() { m_rules.clear(); }
+    // Asked for calls without such a rule; it may know none either.
+    using PlanSource = std::function<std::optional<Plan>(const Call&)>;
+    void SetPlans(PlanSource plans) { m_plans = std::move(plans); }
 
 private:
     struct Rule {
@@ -37,10 +41,11 @@ private:
     };
     using Key = std::pair<std::string, std::int16_t>;
 
+    std::optional<Plan> m_RuledPlan(const Call& call) const;
     // None when the test interface has no such function.
-    std::optional<Rule> m_RuleFor(const Call& call) const;
-    void m_AnswerOrRefuse(sd_bus_message* request, const Call& call, const Rule& rule);
-    void m_Answer(sd_bus_message* request, const Call& call, const Rule& rule);
+    std::optional<Plan> m_PlanFor(const Call& call) const;
+    void m_AnswerOrRefuse(sd_bus_message* request, const Call& call, const Plan& plan);
+    void m_Answer(sd_bus_message* request, const Call& call, const Plan& plan);
 
     sd_event* const m_event;
     TCTimers& m_timers;
@@ -48,6 +53,7 @@ private:
     TCSessions& m_sessions;
     std::uint32_t m_delayMs = 0;
     std::map<Key, Rule> m_rules;
+    PlanSource m_plans;
 };
 
 } // namespace MavixSim

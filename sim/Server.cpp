@@ -10,6 +10,7 @@ namespace MavixSim {
 
 namespace {
 
+// Also for the signals that the loop is to handle.
 EventHandle MakeEventLoop() {
     sigset_t handled;
     ::sigemptyset(&handled);
@@ -19,11 +20,7 @@ EventHandle MakeEventLoop() {
 
     sd_event* event = nullptr;
     Check(sd_event_new(&event), "new event loop");
-    EventHandle loop(event);
-    // Without a handler, the signal ends the loop with exit code 0.
-    for (const int signal : {SIGTERM, SIGINT})
-        Check(sd_event_add_signal(event, nullptr, signal, nullptr, nullptr), "watch a signal");
-    return loop;
+    return EventHandle(event);
 }
 
 BusHandle OpenBus(sd_event* event) {
@@ -48,20 +45,56 @@ bool IsHousekeeping(sd_bus_message* message) {
 
 } // namespace
 
-TCServer::TCServer(const Role& role, bool keepRecords)
+TCServer::TCServer(const Role& role, bool keepRecords, const Playback* playback)
     : m_role(role), m_keepRecords(keepRecords), m_event(MakeEventLoop()), m_bus(OpenBus(m_event.get())),
       m_timers(m_event.get()), m_names(m_bus.get(), m_timers), m_pids(m_bus.get()), m_sessions(m_bus.get()),
       m_recorder(role.processName), m_emitter(m_event.get(), m_bus.get()),
       m_responder(m_event.get(), m_timers, m_names, m_sessions),
       m_control(
           {m_event.get(), m_bus.get(), m_names, m_responder, m_recorder, m_emitter, m_timers, m_sessions}) {
+    for (const int signal : {SIGTERM, SIGINT})
+        Check(sd_event_add_signal(m_event.get(), nullptr, signal, m_OnSignal, this), "watch a signal");
+    if (playback != nullptr) {
+        m_player.emplace(*playback,
+                         TCPlayer::Parts{role, m_event.get(), m_bus.get(), m_names, m_emitter, m_timers});
+        m_responder.SetPlans([this](const Call& call) { return m_player->PlanFor(call); });
+    }
     sd_bus_slot* slot = nullptr;
     Check(sd_bus_add_filter(m_bus.get(), &slot, m_OnMessage, this), "add a filter");
     m_filter.reset(slot);
 }
 
+void TCServer::TakeNames(bool isFirstTime) {
+    if (m_player) {
+        m_player->TakeNames(isFirstTime);
+        m_player->Start();
+        return;
+    }
+    m_names.TakeServiceNames(m_role);
+    m_names.TakeControlName(m_role);
+}
+
 int TCServer::Run() {
-    return sd_event_loop(m_event.get());
+    const int exitCode = sd_event_loop(m_event.get());
+    if (m_player && m_wasAskedToEnd)
+        m_ServeTheRest();
+    return exitCode;
+}
+
+int TCServer::m_OnSignal(sd_event_source* source, const signalfd_siginfo*, void* self) {
+    static_cast<TCServer*>(self)->m_wasAskedToEnd = true;
+    return sd_event_exit(sd_event_source_get_event(source), 0);
+}
+
+// What the bus was sent before counts, too: its answer comes behind all of that. One more round, as the bus
+// may have read the question before the last messages of others.
+void TCServer::m_ServeTheRest() {
+    for (int round = 0; round < 2; ++round) {
+        sd_bus_call_method(m_bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                           "org.freedesktop.DBus", "GetId", nullptr, nullptr, nullptr);
+        while (sd_bus_process(m_bus.get(), nullptr) > 0) {
+        }
+    }
 }
 
 int TCServer::m_OnMessage(sd_bus_message* message, void* self, sd_bus_error*) {
@@ -87,6 +120,8 @@ void TCServer::m_HandleCall(sd_bus_message* message) {
     // Recorded before the answer, so that whoever has it finds the record.
     if (m_keepRecords)
         m_recorder.Add(call, reason);
+    if (m_player)
+        m_player->Count(call, reason);
     if (reason.empty())
         m_responder.Respond(message, call);
     else

@@ -20,17 +20,40 @@ const char* const usage =
     "  --respawn-delay=MS   wait so long before that\n"
     "  --ready-fd=N         tell readiness on this descriptor instead of standard output\n"
     "  --no-records         do not keep what was asked\n"
+    "  --scenario=FILE      play a scenario; processes that have ended are then started anew. The exit "
+    "status "
+    "is 124\n"
+    "                       when its expectations were not met\n"
+    "  --report=FILE        write into this file, instead of on standard error, why a scenario was refused "
+    "or "
+    "not\n"
+    "                       met\n"
     "  --serve=ROLE         run only one process, daemon or lite, and do not watch over it\n"
+    "  --progress-fd=N      share the progress in a scenario by this descriptor; for the supervisor's use\n"
     "  --help, --version    print this text, the version\n";
 
-enum Option { Respawn = 256, RespawnDelay, ReadyFd, NoRecords, Serve, Help, Version };
+enum Option {
+    Respawn = 256,
+    RespawnDelay,
+    ReadyFd,
+    NoRecords,
+    Scenario,
+    Report,
+    Serve,
+    ProgressFd,
+    Help,
+    Version
+};
 
 const option longOptions[] = {
     {"respawn", no_argument, nullptr, Respawn},
     {"respawn-delay", required_argument, nullptr, RespawnDelay},
     {"ready-fd", required_argument, nullptr, ReadyFd},
     {"no-records", no_argument, nullptr, NoRecords},
+    {"scenario", required_argument, nullptr, Scenario},
+    {"report", required_argument, nullptr, Report},
     {"serve", required_argument, nullptr, Serve},
+    {"progress-fd", required_argument, nullptr, ProgressFd},
     {"help", no_argument, nullptr, Help},
     {"version", no_argument, nullptr, Version},
     {nullptr, 0, nullptr, 0},
@@ -59,9 +82,19 @@ bool Apply(int choice, const char* value, SimOptions& options) {
     case NoRecords:
         options.keepRecords = false;
         return true;
+    case Scenario:
+        options.scenario = value;
+        options.respawn = true;
+        return !options.scenario.empty();
+    case Report:
+        options.report = value;
+        return !options.report.empty();
     case Serve:
         options.role = FindRole(value);
         return options.role != nullptr;
+    case ProgressFd:
+        options.progressDescriptor = ParseNumber(value).value_or(-1);
+        return options.progressDescriptor >= 0;
     default:
         return false;
     }

@@ -14,6 +14,12 @@ struct SimOptions {
     bool respawn = false;
     std::chrono::milliseconds respawnDelay{0};
     bool keepRecords = true;
+    // What to play, a file; nothing when empty.
+    std::string scenario;
+    // Where the supervisor's processes share their progress; negative for a process alone.
+    int progressDescriptor = -1;
+    // Where it is told why a scenario was refused or not met; standard error when empty.
+    std::string report;
     // Where readiness is told; standard output when negative.
     int readyDescriptor = -1;
 };

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/signalfd.h>
 #include <system_error>
 #include <vector>
@@ -22,9 +23,37 @@ namespace {
 // A process that ends before it was ready, for want of a bus perhaps, is not started again at once.
 constexpr std::chrono::milliseconds pauseAfterFailure{50};
 
+// Out of the way of the number under which a program finds the descriptor passed to it.
+constexpr int leastInherited = TCChildProcess::PassedDescriptor + 1;
+
+// A file in memory that programs which this one runs inherit.
+TCDescriptor InheritedFile(const char* name) {
+    const TCDescriptor made(::memfd_create(name, MFD_CLOEXEC));
+    TCDescriptor inherited(::fcntl(made.Get(), F_DUPFD, leastInherited));
+    if (!inherited)
+        throw std::system_error(errno, std::generic_category(), "cannot make a file in memory");
+    return inherited;
+}
+
+void WriteAll(int descriptor, const std::string& text) {
+    for (std::size_t at = 0; at < text.size();) {
+        const ssize_t written = ::write(descriptor, text.data() + at, text.size() - at);
+        if (written < 0)
+            throw std::system_error(errno, std::generic_category(), "cannot keep the scenario");
+        at += static_cast<std::size_t>(written);
+    }
+}
+
 } // namespace
 
-TCSupervisor::TCSupervisor(const SimOptions& options) : m_options(options) {
+SupervisedScenario::SupervisedScenario(const Scenario& scenario, const std::string& fileText)
+    : text(InheritedFile("mavix-scenario")), shared(InheritedFile("mavix-progress")),
+      progress(scenario, shared.Get()) {
+    WriteAll(text.Get(), fileText);
+}
+
+TCSupervisor::TCSupervisor(const SimOptions& options, SupervisedScenario* scenario)
+    : m_options(options), m_scenario(scenario) {
     sigset_t handled;
     ::sigemptyset(&handled);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP})
@@ -42,6 +71,15 @@ TCSupervisor::TCSupervisor(const SimOptions& options) : m_options(options) {
 }
 
 int TCSupervisor::Run() {
+    const int exitCode = m_Watch();
+    for (Child& child : m_children)
+        child.process.Signal(SIGTERM);
+    for (Child& child : m_children)
+        child.process.End();
+    return exitCode;
+}
+
+int TCSupervisor::m_Watch() {
     for (;;) {
         m_StartDue();
         std::vector<pollfd> wanted{pollfd{m_signals.Get(), POLLIN, 0}};
@@ -78,6 +116,10 @@ void TCSupervisor::m_Start(Child& child) {
                          "--ready-fd=" + std::to_string(TCChildProcess::PassedDescriptor)};
     if (!m_options.keepRecords)
         options.arguments.emplace_back("--no-records");
+    if (m_scenario != nullptr) {
+        options.arguments.push_back("--scenario=/proc/self/fd/" + std::to_string(m_scenario->text.Get()));
+        options.arguments.push_back("--progress-fd=" + std::to_string(m_scenario->shared.Get()));
+    }
     options.group = MavixTools::ChildOptions::parentsGroup;
     options.descriptor = ready.writer.Get();
     child.process = TCChildProcess(options);
@@ -110,7 +152,10 @@ std::optional<int> TCSupervisor::m_HandleEnd(Child& child) {
         Complain(std::string(child.role->processName) + " has ended with status " + std::to_string(status));
         return status != 0 ? status : 1;
     }
-    const auto least = child.isReady ? std::chrono::milliseconds(0) : pauseAfterFailure;
+    auto least = child.isReady ? std::chrono::milliseconds(0) : pauseAfterFailure;
+    if (m_scenario != nullptr)
+        least =
+            std::max(least, std::chrono::milliseconds(m_scenario->progress.AwayMs(*child.role).exchange(0)));
     child.startTime = Clock::now() + std::max(m_options.respawnDelay, least);
     child.isReady = false;
     child.ready.Close();

@@ -3,18 +3,31 @@
 
 #include "ChildProcess.h"
 #include "SimOptions.h"
+#include "scenario/Progress.h"
 
 #include <array>
 
 namespace MavixSim {
 
+// What the processes that play a scenario inherit. Owner: main.
+struct SupervisedScenario {
+    // The text is the file's.
+    SupervisedScenario(const Scenario& scenario, const std::string& fileText);
+
+    MavixTools::TCDescriptor text;
+    MavixTools::TCDescriptor shared;
+    TCProgress progress; // in `shared`
+};
+
 // Runs one child process a role, tells when all are ready, and ends or starts them anew when one ends. Owner:
 // main. One thread.
 class TCSupervisor final {
 public:
-    explicit TCSupervisor(const SimOptions& options);
+    // `scenario` is null when none is played.
+    TCSupervisor(const SimOptions& options, SupervisedScenario* scenario);
 
-    // Runs until a signal, or until a process ends and is not started anew. The exit code.
+    // Runs until a signal, or until a process ends and is not started anew. The processes have ended. The
+    // exit code.
     int Run();
 
 private:
@@ -28,6 +41,7 @@ private:
         Clock::time_point startTime;
     };
 
+    int m_Watch();
     void m_StartDue();
     void m_Start(Child& child);
     int m_PollLimit() const;
@@ -37,6 +51,7 @@ private:
     void m_TellReady() const;
 
     const SimOptions m_options;
+    SupervisedScenario* const m_scenario;
     MavixTools::TCDescriptor m_signals;
     std::array<Child, 2> m_children;
 };

@@ -1,34 +1,96 @@
 #include "Complaint.h"
 #include "Server.h"
 #include "Supervisor.h"
+#include "scenario/Judgement.h"
+#include "scenario/ScenarioReader.h"
 
+#include <fstream>
 #include <sys/prctl.h>
 #include <unistd.h>
 
 namespace {
 
-int Serve(const MavixSim::SimOptions& options) {
+using namespace MavixSim;
+
+constexpr int refused = 2;
+constexpr int notMet = 124;
+
+void TellReady(int descriptor) {
+    [[maybe_unused]] const ssize_t written = ::write(descriptor, "\n", 1);
+    ::close(descriptor);
+}
+
+// On the bus for a while. How long to stay off it then; none when the process is to end with `exitCode`.
+std::optional<std::uint32_t> ServeOnce(const SimOptions& options, const Playback* playback, bool isFirstTime,
+                                       int& exitCode) {
+    TCServer server(*options.role, options.keepRecords, playback);
+    server.TakeNames(isFirstTime);
+    if (isFirstTime && options.readyDescriptor >= 0)
+        TellReady(options.readyDescriptor);
+    exitCode = server.Run();
+    return server.AwayMs();
+}
+
+int Serve(const SimOptions& options, const Playback* playback) {
     ::prctl(PR_SET_NAME, options.role->processName);
-    MavixSim::TCServer server(*options.role, options.keepRecords);
-    server.TakeNames();
-    if (options.readyDescriptor >= 0) {
-        [[maybe_unused]] const ssize_t written = ::write(options.readyDescriptor, "\n", 1);
-        ::close(options.readyDescriptor);
+    int exitCode = 0;
+    for (bool isFirstTime = true;; isFirstTime = false) {
+        const auto awayMs = ServeOnce(options, playback, isFirstTime, exitCode);
+        if (!awayMs || (*awayMs != 0 && !WaitWithoutServing(*awayMs)))
+            return exitCode;
     }
-    return server.Run();
+}
+
+int Supervise(const SimOptions& options) {
+    return TCSupervisor(options, nullptr).Run();
+}
+
+void Report(const SimOptions& options, const std::string& text) {
+    if (options.report.empty())
+        Complain(text);
+    else
+        std::ofstream(options.report) << text << "\n";
+}
+
+Scenario Load(const std::string& file, std::string& text) {
+    const TCJsonTree tree = TCJsonTree::Load(file);
+    text = tree.Text();
+    return ReadScenario(tree);
+}
+
+int Play(const SimOptions& options) {
+    std::string text;
+    const Scenario scenario = Load(options.scenario, text);
+    if (options.role != nullptr) {
+        TCProgress progress(scenario, options.progressDescriptor);
+        const Playback playback{scenario, progress};
+        return Serve(options, &playback);
+    }
+    SupervisedScenario supervised(scenario, text);
+    const int exitCode = TCSupervisor(options, &supervised).Run();
+    const std::string report = Judge(scenario, supervised.progress);
+    if (report.empty())
+        return exitCode;
+    Report(options, report);
+    return notMet;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
     int exitCode = 0;
-    const auto options = MavixSim::ParseSimOptions(argc, argv, exitCode);
+    const auto options = ParseSimOptions(argc, argv, exitCode);
     if (!options)
         return exitCode;
     try {
-        return options->role != nullptr ? Serve(*options) : MavixSim::TCSupervisor(*options).Run();
+        if (!options->scenario.empty())
+            return Play(*options);
+        return options->role != nullptr ? Serve(*options, nullptr) : Supervise(*options);
+    } catch (const JsonFault& fault) {
+        Report(*options, fault.what());
+        return refused;
     } catch (const std::exception& error) {
-        MavixSim::Complain(error.what());
+        Complain(error.what());
         return 1;
     }
 }

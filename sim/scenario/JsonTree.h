@@ -45,6 +45,7 @@ public:
     static TCJsonTree Parse(const std::string& name, std::string text);
 
     const Node& Root() const { return *m_root; }
+    const std::string& Text() const { return m_text; }
     // "FILE:LINE:COLUMN".
     std::string PlaceOf(const Node& node) const { return m_PlaceOf(node.offset); }
     [[noreturn]] void Fail(const Node& node, const std::string& what) const;

@@ -8,6 +8,8 @@
 #include <climits>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/signalfd.h>
@@ -18,6 +20,15 @@ namespace MavixTools {
 namespace {
 
 constexpr std::chrono::seconds commandGrace{5};
+constexpr std::chrono::seconds judgementLimit{20};
+
+// What the stand-in service says of its scenario; nothing when it says nothing.
+void PrintReport(const std::string& path) {
+    std::ifstream file(path);
+    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    if (!text.empty())
+        std::fprintf(stderr, "mavix-sandbox: %s", text.c_str());
+}
 
 std::filesystem::path OwnFolder() {
     return std::filesystem::read_symlink("/proc/self/exe").parent_path();
@@ -57,15 +68,40 @@ TCSandbox::~TCSandbox() {
 
 int TCSandbox::Run() {
     m_StartServices();
-    return m_kept.IsAbandoned() ? sandboxFailed : m_RunCommand();
+    return m_kept.IsAbandoned() ? sandboxFailed : m_JudgeScenario(m_RunCommand());
+}
+
+int TCSandbox::m_JudgeScenario(int status) {
+    if (!m_sim || m_options.scenario.empty())
+        return status;
+    m_sim->Process().End(judgementLimit);
+    const int judgement = ShellStatus(m_sim->Process().Wait().value_or(-1));
+    if (judgement == 0)
+        return status;
+    PrintReport(m_ReportPath());
+    if (judgement != scenarioNotMet)
+        std::fprintf(stderr, "mavix-sandbox: mavix-sim has ended with status %d\n", judgement);
+    if (status != 0)
+        return status;
+    return judgement == scenarioNotMet ? scenarioNotMet : sandboxFailed;
 }
 
 void TCSandbox::m_StartServices() {
     m_bus = std::make_unique<TCBusDaemon>(m_folder.Path(), FindPolicy(), !m_options.showDaemons);
     m_bus->Start();
-    if (m_options.startService)
-        m_sim = std::make_unique<TCSimService>(FindSim(), m_options.simOptions, m_bus->Address(),
-                                               !m_options.showDaemons);
+    if (!m_options.startService)
+        return;
+    std::vector<std::string> simOptions = m_options.simOptions;
+    if (!m_options.scenario.empty())
+        simOptions.insert(simOptions.end(),
+                          {"--scenario=" + m_options.scenario, "--report=" + m_ReportPath()});
+    try {
+        m_sim =
+            std::make_unique<TCSimService>(FindSim(), simOptions, m_bus->Address(), !m_options.showDaemons);
+    } catch (const std::runtime_error&) {
+        PrintReport(m_ReportPath());
+        throw;
+    }
 }
 
 ChildOptions TCSandbox::m_CommandOptions() const {

@@ -14,6 +14,8 @@ namespace MavixTools {
 
 // The exit code for failures of the sandbox itself, as of env(1) and timeout(1).
 constexpr int sandboxFailed = 125;
+// When a scenario's expectations are not met; mavix-sim's, too.
+constexpr int scenarioNotMet = 124;
 
 // One run: bus, stand-in service, command. Owner: the keeper's body, in whose process there is one. The
 // destructor ends what still runs, the command's own left-overs too, and removes the files.
@@ -31,6 +33,9 @@ private:
     void m_StartServices();
     ChildOptions m_CommandOptions() const;
     int m_RunCommand();
+    // Ends the service. The exit status, when that of the command is `status`.
+    int m_JudgeScenario(int status);
+    std::string m_ReportPath() const { return m_folder.Path() + "/report"; }
     int m_WaitForCommand(TCChildProcess& command);
     void m_HandleSignal(TCChildProcess& command);
     std::vector<pid_t> m_ServicePids() const;

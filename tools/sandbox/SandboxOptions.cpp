@@ -19,6 +19,7 @@ const char* const usage =
     "\n"
     "  --no-service         only the bus, without the stand-in service\n"
     "  --private-run        a /run and a /dev/shm of its own, so that COMMAND can use caches\n"
+    "  --scenario=FILE      have the stand-in service play a scenario, and fail when it was not met\n"
     "  --shell              run $SHELL, interactive, in the place of COMMAND\n"
     "  --sim-option=OPTION  hand OPTION to mavix-sim, for example --respawn; may be repeated\n"
     "  --verbose            show what the bus daemon and the stand-in service print\n"
@@ -26,15 +27,22 @@ const char* const usage =
     "\n"
     "Exit status: COMMAND's own, 128 and the signal that ended it, 127 when COMMAND is not found, 126 when "
     "it\n"
-    "cannot be run, 125 when the sandbox itself fails.\n";
+    "cannot be run, 125 when the sandbox itself fails, 124 when COMMAND succeeds and the scenario's "
+    "expectations\n"
+    "are not met.\n";
 
-enum Option { NoService = 256, PrivateRun, Shell, SimOption, Verbose, Help, Version };
+enum Option { NoService = 256, PrivateRun, Scenario, Shell, SimOption, Verbose, Help, Version };
 
 const option longOptions[] = {
-    {"no-service", no_argument, nullptr, NoService}, {"private-run", no_argument, nullptr, PrivateRun},
-    {"shell", no_argument, nullptr, Shell},          {"sim-option", required_argument, nullptr, SimOption},
-    {"verbose", no_argument, nullptr, Verbose},      {"help", no_argument, nullptr, Help},
-    {"version", no_argument, nullptr, Version},      {nullptr, 0, nullptr, 0},
+    {"no-service", no_argument, nullptr, NoService},
+    {"private-run", no_argument, nullptr, PrivateRun},
+    {"scenario", required_argument, nullptr, Scenario},
+    {"shell", no_argument, nullptr, Shell},
+    {"sim-option", required_argument, nullptr, SimOption},
+    {"verbose", no_argument, nullptr, Verbose},
+    {"help", no_argument, nullptr, Help},
+    {"version", no_argument, nullptr, Version},
+    {nullptr, 0, nullptr, 0},
 };
 
 } // namespace
@@ -50,6 +58,9 @@ std::optional<SandboxOptions> ParseSandboxOptions(int argc, char** argv, int& ex
             break;
         case PrivateRun:
             options.privateRun = true;
+            break;
+        case Scenario:
+            options.scenario = optarg;
             break;
         case Shell:
             options.shell = true;
@@ -70,6 +81,11 @@ std::optional<SandboxOptions> ParseSandboxOptions(int argc, char** argv, int& ex
             exitCode = sandboxFailed;
             return std::nullopt;
         }
+    }
+    if (!options.startService && !options.scenario.empty()) {
+        std::fputs("mavix-sandbox: a scenario needs the stand-in service\n", stderr);
+        exitCode = sandboxFailed;
+        return std::nullopt;
     }
     options.command.assign(argv + optind, argv + argc);
     if (options.command.empty() != options.shell) {

@@ -14,6 +14,7 @@ struct SandboxOptions {
     bool shell = false;
     bool showDaemons = false;
     std::vector<std::string> simOptions;
+    std::string scenario; // a file; none when empty
     std::vector<std::string> command;
 };
 

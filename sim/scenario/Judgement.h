@@ -1,0 +1,13 @@
+#ifndef MAVIX_SIM_SCENARIO_JUDGEMENT_H
+#define MAVIX_SIM_SCENARIO_JUDGEMENT_H
+
+#include "Progress.h"
+
+namespace MavixSim {
+
+// What was expected and what came instead, for people to read, a line each; empty when all was met.
+std::string Judge(const Scenario& scenario, const TCProgress& progress);
+
+} // namespace MavixSim
+
+#endif
