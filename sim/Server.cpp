@@ -1,10 +1,13 @@
 #include "Server.h"
 
 #include "CallDecoder.h"
+#include "Clock.h"
 #include "Trampoline.h"
 
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <set>
 
 namespace MavixSim {
 
@@ -28,6 +31,8 @@ BusHandle OpenBus(sd_event* event) {
     Check(sd_bus_open_system(&opened), "cannot connect to the system bus");
     BusHandle bus(opened);
     Check(sd_bus_set_exit_on_disconnect(opened, 1), "watch the connection");
+    // The end of the loop need not be the end of serving.
+    Check(sd_bus_set_close_on_exit(opened, 0), "keep the connection");
     Check(sd_bus_attach_event(opened, event, SD_EVENT_PRIORITY_NORMAL), "attach to the event loop");
     return bus;
 }
@@ -41,6 +46,33 @@ bool IsHousekeeping(sd_bus_message* message) {
     const char* path = sd_bus_message_get_path(message);
     return (path != nullptr && std::strcmp(path, controlPath) == 0) ||
            StartsWith(sd_bus_message_get_interface(message), "org.freedesktop.DBus.");
+}
+
+constexpr std::uint64_t longestRestMs = 1000;
+constexpr int mostSilentRounds = 100;
+
+// Whether anybody but the service is connected.
+bool OthersAreOn(sd_bus* bus) {
+    std::set<std::string> service;
+    for (const Role& role : Roles()) {
+        sd_bus_creds* asked = nullptr;
+        const char* owner = nullptr;
+        if (sd_bus_get_name_creds(bus, role.controlName, SD_BUS_CREDS_UNIQUE_NAME, &asked) < 0)
+            continue;
+        const CredsHandle creds(asked);
+        if (sd_bus_creds_get_unique_name(asked, &owner) >= 0)
+            service.insert(owner);
+    }
+    char** names = nullptr;
+    if (sd_bus_list_names(bus, &names, nullptr) < 0)
+        return false;
+    bool found = false;
+    for (char** name = names; *name != nullptr; ++name) {
+        found = found || ((*name)[0] == ':' && service.count(*name) == 0);
+        std::free(*name);
+    }
+    std::free(names);
+    return found;
 }
 
 } // namespace
@@ -86,14 +118,18 @@ int TCServer::m_OnSignal(sd_event_source* source, const signalfd_siginfo*, void*
     return sd_event_exit(sd_event_source_get_event(source), 0);
 }
 
-// What the bus was sent before counts, too: its answer comes behind all of that. One more round, as the bus
-// may have read the question before the last messages of others.
+// What others had sent before they left, or before they fell silent, counts: the bus takes it from them piece
+// by piece, and an answer of the bus comes behind all that it has passed on before.
 void TCServer::m_ServeTheRest() {
-    for (int round = 0; round < 2; ++round) {
-        sd_bus_call_method(m_bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                           "org.freedesktop.DBus", "GetId", nullptr, nullptr, nullptr);
+    const std::uint64_t end = MonotonicMs() + longestRestMs;
+    for (int silent = 0; silent < mostSilentRounds && MonotonicMs() < end;) {
+        const bool isAlone = !OthersAreOn(m_bus.get());
+        const std::uint64_t before = m_calls;
         while (sd_bus_process(m_bus.get(), nullptr) > 0) {
         }
+        silent = m_calls == before ? silent + 1 : 0;
+        if (isAlone)
+            return;
     }
 }
 
@@ -120,6 +156,7 @@ void TCServer::m_HandleCall(sd_bus_message* message) {
     // Recorded before the answer, so that whoever has it finds the record.
     if (m_keepRecords)
         m_recorder.Add(call, reason);
+    ++m_calls;
     if (m_player)
         m_player->Count(call, reason);
     if (reason.empty())

@@ -6,25 +6,42 @@
 
 namespace MavixSim {
 
-void TCTimers::After(std::uint32_t milliseconds, std::function<void()> action) {
-    const std::uint64_t number = ++m_lastNumber;
-    Timer& timer = m_timers[number];
-    timer.owner = this;
-    timer.number = number;
-    timer.action = std::move(action);
+TCTimers::TCTimers(sd_event* event) : m_event(event) {
     sd_event_source* source = nullptr;
-    Check(sd_event_add_time_relative(m_event, &source, CLOCK_MONOTONIC, std::uint64_t{milliseconds} * 1000, 1,
-                                     m_OnTime, &timer),
-          "add a timer");
-    timer.source.reset(source);
+    Check(sd_event_add_time(event, &source, CLOCK_MONOTONIC, 0, 1, m_OnTime, this), "add a timer");
+    m_source.reset(source);
+    Check(sd_event_source_set_enabled(source, SD_EVENT_OFF), "pause a timer");
 }
 
-int TCTimers::m_OnTime(sd_event_source*, std::uint64_t, void* timer) {
-    return Guarded([&] {
-        auto* due = static_cast<Timer*>(timer);
-        const std::function<void()> action = std::move(due->action);
-        due->owner->m_timers.erase(due->number);
-        action();
+void TCTimers::After(std::uint32_t milliseconds, std::function<void()> action) {
+    const std::uint64_t due = m_Now() + std::uint64_t{milliseconds} * 1000;
+    m_timers.emplace(std::pair(due, ++m_lastNumber), std::move(action));
+    m_Arm();
+}
+
+std::uint64_t TCTimers::m_Now() const {
+    std::uint64_t now = 0;
+    Check(sd_event_now(m_event, CLOCK_MONOTONIC, &now), "ask for the time");
+    return now;
+}
+
+void TCTimers::m_Arm() {
+    if (m_timers.empty())
+        return;
+    Check(sd_event_source_set_time(m_source.get(), m_timers.begin()->first.first), "set a timer");
+    Check(sd_event_source_set_enabled(m_source.get(), SD_EVENT_ONESHOT), "start a timer");
+}
+
+int TCTimers::m_OnTime(sd_event_source*, std::uint64_t, void* self) {
+    return Guarded([self] {
+        auto& timers = *static_cast<TCTimers*>(self);
+        // Those that the actions add get their turn after everything else.
+        const Due last(timers.m_Now(), timers.m_lastNumber);
+        while (!timers.m_timers.empty() && timers.m_timers.begin()->first <= last) {
+            const auto due = timers.m_timers.extract(timers.m_timers.begin());
+            Guarded(due.mapped());
+        }
+        timers.m_Arm();
     });
 }
 

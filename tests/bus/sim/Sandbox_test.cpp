@@ -263,6 +263,68 @@ TEST_F(Sandbox, PrintsNothingOfItsOwn) {
     EXPECT_EQ(status, 0);
 }
 
+struct ScenarioRow {
+    const char* name;
+    const char* expect; // calls: none are made
+    std::string command;
+    int status;
+    const char* report; // without the file's name in front
+};
+
+TEST_F(Sandbox, FailsWhenAScenarioIsNotMet) {
+    const char* anyCall = R"({"calls":[{"name":"a","interface":"*","code":"*"}]})";
+    const char* unmet = ":1:32: 'a' (any interface of any code): expected at least 1 call, came none\n";
+    const std::vector<ScenarioRow> rows{
+        {"met", R"({"nothingElse":true})", "true", 0, nullptr},
+        {"not met", anyCall, "true", 124, unmet},
+        {"not met after a failure", anyCall, "exit 7", 7, unmet},
+        {"met after a failure", R"({"nothingElse":true})", "exit 7", 7, nullptr},
+    };
+    const std::string file = m_notes.Path() + "/scenario.json";
+    for (const ScenarioRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::ofstream(file) << R"({"format":1,"expect":)" << row.expect << "}";
+        testing::internal::CaptureStderr();
+        const int status = Run({"--scenario", file, "--", "sh", "-c", row.command});
+        const std::string report =
+            row.report == nullptr
+                ? ""
+                : "mavix-sandbox: the scenario's expectations were not met:\n" + file + row.report;
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), report);
+        EXPECT_EQ(status, row.status);
+    }
+    EXPECT_TRUE(NothingIsLeft());
+}
+
+TEST_F(Sandbox, CannotJudgeAScenarioWhoseServiceWasKilled) {
+    const std::string file = m_notes.Path() + "/scenario.json";
+    std::ofstream(file) << R"({"format":1})";
+    testing::internal::CaptureStderr();
+    TCChildProcess sandbox = StartWaiting({"--scenario=" + file});
+    for (const pid_t pid : Descendants(sandbox.Pid())) {
+        const std::string name = NameOf(pid);
+        if (name == "mavix-sim" || name == "sleep")
+            ::kill(pid, name == "sleep" ? SIGTERM : SIGKILL);
+    }
+    EXPECT_EQ(ShellStatus(*sandbox.Wait()), 128 + SIGTERM);
+    EXPECT_NE(
+        testing::internal::GetCapturedStderr().find("mavix-sandbox: mavix-sim has ended with status 137\n"),
+        std::string::npos);
+}
+
+TEST_F(Sandbox, RunsNothingWithABadScenario) {
+    const std::string file = m_notes.Path() + "/scenario.json";
+    std::ofstream(file) << "{\n  \"format\": 1,\n  \"expects\": {}\n}";
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(Run({"--scenario", file, "--", "touch", m_note}), 125);
+    EXPECT_EQ(testing::internal::GetCapturedStderr().find("mavix-sandbox: " + file +
+                                                          ":3:3: $: unknown member 'expects'\n"),
+              0u);
+    EXPECT_FALSE(std::filesystem::exists(m_note));
+    EXPECT_EQ(Run({"--no-sim", "--scenario", file, "--", "true"}), 125);
+    EXPECT_TRUE(NothingIsLeft());
+}
+
 } // namespace
 
 } // namespace MavixTest
