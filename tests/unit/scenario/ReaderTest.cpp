@@ -2,6 +2,7 @@
 
 #include "Roles.h"
 #include "scenario/ScenarioReader.h"
+#include "scenario/Values.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -116,17 +117,17 @@ std::vector<BadRow> BadRows() {
         {WithRule(R"({"code":1,"reply":["1"]})"),
          "file:1:67: " + rule +
              ".reply[0]: expected a value that begins with c:, s:, i:, l:, str:, strz: or hex:, found '1'"},
-        {WithRule(R"({"code":1,"reply":["c:128"]})"),
-         "file:1:67: " + rule + ".reply[0]: expected a whole number from -128 to 127, found '128'", true},
+        {WithRule(R"({"code":1,"reply":["c:256"]})"),
+         "file:1:67: " + rule + ".reply[0]: expected a whole number from -128 to 255, found '256'", true},
         {WithRule(R"({"code":1,"reply":["i: 1"]})"),
          "file:1:67: " + rule +
-             ".reply[0]: expected a whole number from -2147483648 to 2147483647, found ' 1'"},
+             ".reply[0]: expected a whole number from -2147483648 to 4294967295, found ' 1'"},
         {WithRule(R"({"code":1,"reply":["s:"]})"),
-         "file:1:67: " + rule + ".reply[0]: expected a whole number from -32768 to 32767, found ''"},
+         "file:1:67: " + rule + ".reply[0]: expected a whole number from -32768 to 65535, found ''"},
         {WithRule(R"({"code":1,"reply":["hex:abc"]})"),
-         "file:1:67: " + rule + ".reply[0]: expected pairs of hexadecimal digits, found 'abc'"},
+         "file:1:67: " + rule + ".reply[0]: expected two hexadecimal digits a byte, found 'abc'"},
         {WithRule(R"({"code":1,"reply":["hex:0g"]})"),
-         "file:1:67: " + rule + ".reply[0]: expected pairs of hexadecimal digits, found '0g'"},
+         "file:1:67: " + rule + ".reply[0]: expected two hexadecimal digits a byte, found '0g'"},
         {WithRule(R"({"code":1,"delay":3600001})"),
          "file:1:66: " + rule + ".delay: expected a whole number from 0 to 3600000, found 3600001"},
         {WithRule(R"({"code":1,"delay":1e3})"),
@@ -366,8 +367,8 @@ constexpr const char* fullScenario = R"({
     "interfaces": {
         "*": [{"code": "*", "fault": "no-reply"}],
         "com.norvale.ITest": [
-            {"code": -2, "comment": "", "delay": 3, "spread": 4, "reply": ["c:-1", "s:0x10", "i:-2", "l:+3"],
-             "when": {"comment": "", "equals": ["str:a"], "prefix": [], "mask": ["hex:F0"], "value": ["hex:60"],
+            {"code": -2, "comment": "", "delay": 3, "spread": 4, "reply": ["c:-1", "s:0x10", "i:-2", "l:3"],
+             "when": {"comment": "", "equals": ["hex:61"], "prefix": [], "mask": ["hex:F0"], "value": ["hex:60"],
                       "minSize": 1, "maxSize": 2},
              "then": [{"comment": "", "after": 1, "every": 2, "count": 3,
                        "event": {"comment": "", "type": "Data", "id": -7, "handle": [1, 2],
@@ -444,6 +445,38 @@ TEST(ScenarioReader, ReadsEveryMember) {
 TEST(ScenarioReader, AndTheSchemaTakeAScenarioWithEveryMember) {
     EXPECT_TRUE(Schema().Accepts(json::parse(fullScenario)));
     EXPECT_EQ("", Complaint(fullScenario));
+}
+
+TEST(ScenarioValue, IsWhatCallsCarry) {
+    const struct {
+        const char* value;
+        Bytes bytes;
+    } rows[] = {
+        {"c:-128", {128}},
+        {"c:255", {255}},
+        {"s:0xFFFE", {254, 255}},
+        {"s:-0x2", {254, 255}},
+        {"i:-2147483648", {0, 0, 0, 128}},
+        {"i:4294967295", {255, 255, 255, 255}},
+        {"l:18446744073709551615", {255, 255, 255, 255, 255, 255, 255, 255}},
+        {"i:010", {10, 0, 0, 0}},
+        {"str:", {0, 0, 0, 0}},
+        {"str:a:b", {3, 0, 0, 0, 'a', ':', 'b'}},
+        {"strz:", {0}},
+        {"strz:ab", {'a', 'b', 0}},
+        {"hex:", {}},
+        {"hex:0aFf:10 20", {10, 255, 16, 32}},
+    };
+    for (const auto& row : rows) {
+        Bytes bytes;
+        AppendValue(bytes, row.value);
+        EXPECT_EQ(row.bytes, bytes) << row.value;
+    }
+    for (const char* bad : {"", "i", "x:1", "i:", "i:-", "i:+1", "i:1 ", "i:0x", "i:4294967296",
+                            "l:-9223372036854775809", "hex:a", "hex:a b", "hex:gg"}) {
+        Bytes bytes;
+        EXPECT_THROW(AppendValue(bytes, bad), std::invalid_argument) << bad;
+    }
 }
 
 TEST(ScenarioCondition, HoldsForWhatItSays) {
