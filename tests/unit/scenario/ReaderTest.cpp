@@ -442,6 +442,18 @@ TEST(ScenarioReader, ReadsEveryMember) {
     EXPECT_TRUE(scenario.nothingElse);
 }
 
+TEST(ScenarioReader, AndTheSchemaTakeTheReadyScenarios) {
+    std::size_t files = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(MAVIX_TEST_SCENARIOS)) {
+        if (entry.path().extension() == ".json") {
+            EXPECT_EQ("", Complaint(FileText(entry.path()))) << entry.path();
+            EXPECT_TRUE(Schema().Accepts(json::parse(FileText(entry.path())))) << entry.path();
+            ++files;
+        }
+    }
+    EXPECT_GE(files, 6U);
+}
+
 TEST(ScenarioReader, AndTheSchemaTakeAScenarioWithEveryMember) {
     EXPECT_TRUE(Schema().Accepts(json::parse(fullScenario)));
     EXPECT_EQ("", Complaint(fullScenario));
