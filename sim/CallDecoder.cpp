@@ -1,5 +1,6 @@
 #include "CallDecoder.h"
 
+#include "Arguments.h"
 #include "AuxBlock.h"
 #include "Clock.h"
 
@@ -9,67 +10,6 @@
 namespace MavixSim {
 
 namespace {
-
-const char* const callPath = "/com/norvale/Object";
-const char* const callMember = "MethodCall";
-
-std::string Text(const char* text) {
-    return text != nullptr ? text : "";
-}
-
-// Reads the arguments of one message in their order.
-class TCArguments final {
-public:
-    explicit TCArguments(sd_bus_message* message) : m_message(message) {}
-
-    // The type of the next argument as in a signature; empty at the end.
-    std::string NextType() const {
-        char type = 0;
-        const char* contents = nullptr;
-        if (Check(sd_bus_message_peek_type(m_message, &type, &contents), "peek") == 0)
-            return "";
-        switch (type) {
-        case SD_BUS_TYPE_ARRAY:
-            return "a" + Text(contents);
-        case SD_BUS_TYPE_STRUCT:
-            return "(" + Text(contents) + ")";
-        default:
-            return std::string(1, type);
-        }
-    }
-
-    std::int32_t TakeInt(const char* what) {
-        m_Expect("i", what);
-        std::int32_t value = 0;
-        Check(sd_bus_message_read_basic(m_message, 'i', &value), "read an int32");
-        return value;
-    }
-
-    std::string TakeString(const char* what) {
-        m_Expect("s", what);
-        const char* value = nullptr;
-        Check(sd_bus_message_read_basic(m_message, 's', &value), "read a string");
-        return value;
-    }
-
-    std::pair<const std::uint8_t*, std::size_t> TakeBytes(const char* what) {
-        m_Expect("ay", what);
-        const void* bytes = nullptr;
-        std::size_t size = 0;
-        Check(sd_bus_message_read_array(m_message, 'y', &bytes, &size), "read bytes");
-        return {static_cast<const std::uint8_t*>(bytes), size};
-    }
-
-private:
-    void m_Expect(const std::string& type, const char* what) const {
-        const std::string found = NextType();
-        if (found != type)
-            throw Refusal(std::string(what) + ": expected type '" + type + "', found " +
-                          (found.empty() ? "the end" : "'" + found + "'"));
-    }
-
-    sd_bus_message* m_message;
-};
 
 void DecodeEnvelope(sd_bus_message* message, Call& call) {
     call.interface = Text(sd_bus_message_get_interface(message));

@@ -16,6 +16,9 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+inline constexpr const char* callPath = "/com/norvale/Object";
+inline constexpr const char* callMember = "MethodCall";
+
 constexpr std::int32_t largestPayload = 0x1000000;
 
 // Bits of the flag half of the header word.

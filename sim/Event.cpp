@@ -8,9 +8,6 @@ namespace MavixSim {
 
 namespace {
 
-const char* const signalPath = "/com/norvale/Mavix/SignalObject";
-const char* const signalInterface = "com.norvale.Mavix.SignalIFace";
-
 MessageHandle MakeSignal(sd_bus* bus, const std::string& interface, const std::string& member,
                          const std::string& destination) {
     sd_bus_message* message = nullptr;

@@ -6,6 +6,9 @@
 
 namespace MavixSim {
 
+inline constexpr const char* signalPath = "/com/norvale/Mavix/SignalObject";
+inline constexpr const char* signalInterface = "com.norvale.Mavix.SignalIFace";
+
 struct EventType {
     const char* member;
     // Whether one further argument stands before the handle.

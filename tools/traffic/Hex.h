@@ -1,0 +1,24 @@
+#ifndef MAVIX_TRAFFIC_HEX_H
+#define MAVIX_TRAFFIC_HEX_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace MavixTraffic {
+
+std::string ToHex(const std::uint8_t* bytes, std::size_t size);
+// None when the text is not pairs of lower-case hexadecimal digits.
+std::optional<std::vector<std::uint8_t>> FromHex(const std::string& text);
+
+// What of the bytes is printable ASCII; a dot for every other byte.
+std::string ToPrintable(const std::uint8_t* bytes, std::size_t size);
+
+// Bytes in rows of offset, hexadecimal and printable text, each row after `indent` and before a line feed.
+void AppendDump(std::string& text, const std::uint8_t* bytes, std::size_t size, const char* indent);
+
+} // namespace MavixTraffic
+
+#endif
