@@ -70,6 +70,7 @@ int Run(int argc, char** argv) {
     AddCacheCommand(application, settings, exitCode);
     AddBenchCommand(application, settings, exitCode);
     AddListenCommand(application, settings, exitCode);
+    AddMonitorCommand(application, settings, exitCode);
     AddRouteCommand(application, settings, exitCode);
     AddSessionCommand(application, settings, exitCode);
     try {

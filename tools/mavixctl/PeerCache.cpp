@@ -1,0 +1,142 @@
+#include "PeerCache.h"
+
+#include "Command.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace MavixControl {
+
+using MavixSim::BusHandle;
+using MavixSim::Check;
+
+namespace {
+
+const char* const defaultAddress = "unix:path=/run/dbus/system_bus_socket";
+
+// Fewer than the 128 replies for which a connection may wait on a system bus.
+constexpr std::size_t mostAsked = 32;
+constexpr std::size_t mostPeers = 16384;
+
+// The process id among the credentials; 0 when there is none.
+pid_t TakePid(sd_bus_message* answer) {
+    pid_t pid = 0;
+    Check(sd_bus_message_enter_container(answer, 'a', "{sv}"), "read credentials");
+    while (Check(sd_bus_message_enter_container(answer, 'e', "sv"), "read credentials") > 0) {
+        const char* name = nullptr;
+        Check(sd_bus_message_read_basic(answer, 's', &name), "read credentials");
+        if (std::strcmp(name, "ProcessID") == 0) {
+            std::uint32_t value = 0;
+            Check(sd_bus_message_read(answer, "v", "u", &value), "read credentials");
+            pid = static_cast<pid_t>(value);
+        } else {
+            Check(sd_bus_message_skip(answer, "v"), "read credentials");
+        }
+        Check(sd_bus_message_exit_container(answer), "read credentials");
+    }
+    return pid;
+}
+
+} // namespace
+
+BusHandle NewSystemBus() {
+    sd_bus* created = nullptr;
+    Check(sd_bus_new(&created), "new connection");
+    BusHandle bus(created);
+    const char* address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    Check(sd_bus_set_address(created, address != nullptr ? address : defaultAddress), "set the address");
+    Check(sd_bus_set_bus_client(created, 1), "be a client");
+    return bus;
+}
+
+TCPeerCache::TCPeerCache() : m_bus(NewSystemBus()) {
+    Check(sd_bus_start(m_bus.get()), "connect");
+}
+
+void TCPeerCache::Want(const std::string& name) {
+    if (name.empty() || name.front() != ':')
+        return;
+    const auto [entry, isNew] = m_peers.try_emplace(name);
+    if (!isNew)
+        return;
+    entry->second.owner = this;
+    m_wanted.push_back(name);
+    m_AskNext();
+}
+
+bool TCPeerCache::IsSettled(const std::string& name) const {
+    if (name.empty() || name.front() != ':')
+        return true;
+    const auto found = m_peers.find(name);
+    return found != m_peers.end() && found->second.isSettled;
+}
+
+const TSProcess& TCPeerCache::Find(const std::string& name) const {
+    static const TSProcess unknown;
+    const auto found = m_peers.find(name);
+    return found != m_peers.end() ? found->second.process : unknown;
+}
+
+void TCPeerCache::Forget(const std::string& name) {
+    const auto found = m_peers.find(name);
+    if (found != m_peers.end())
+        found->second.hasGone = true;
+    if (m_peers.size() > mostPeers)
+        m_MakeRoom();
+}
+
+void TCPeerCache::m_MakeRoom() {
+    for (auto entry = m_peers.begin(); entry != m_peers.end();)
+        entry = entry->second.hasGone && entry->second.isSettled ? m_peers.erase(entry) : std::next(entry);
+}
+
+void TCPeerCache::m_AskNext() {
+    for (; m_asked < mostAsked && !m_wanted.empty(); m_wanted.pop_front()) {
+        Peer& peer = m_peers.at(m_wanted.front());
+        sd_bus_slot* slot = nullptr;
+        Check(sd_bus_call_method_async(m_bus.get(), &slot, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                       "org.freedesktop.DBus", "GetConnectionCredentials", m_OnAnswer, &peer,
+                                       "s", m_wanted.front().c_str()),
+              "ask for credentials");
+        peer.slot.reset(slot);
+        ++m_asked;
+    }
+}
+
+int TCPeerCache::m_OnAnswer(sd_bus_message* answer, void* data, sd_bus_error*) {
+    Peer& peer = *static_cast<Peer*>(data);
+    try {
+        // A connection may have gone before the bus was asked.
+        if (sd_bus_message_is_method_error(answer, nullptr) == 0)
+            if (const pid_t pid = TakePid(answer))
+                peer.process = LookAtProcess(pid);
+    } catch (const std::exception&) {
+        // Nothing is known of the connection, then.
+    }
+    peer.isSettled = true;
+    TCPeerCache& self = *peer.owner;
+    --self.m_asked;
+    try {
+        self.m_AskNext();
+    } catch (const std::exception&) {
+        // The bus has gone, which Process() tells.
+    }
+    return 0;
+}
+
+int TCPeerCache::Descriptor() const {
+    return Check(sd_bus_get_fd(m_bus.get()), "ask for the socket");
+}
+
+int TCPeerCache::Events() const {
+    return Check(sd_bus_get_events(m_bus.get()), "ask what to wait for");
+}
+
+bool TCPeerCache::Process() {
+    int done = 0;
+    while ((done = sd_bus_process(m_bus.get(), nullptr)) > 0) {
+    }
+    return done == 0 && sd_bus_is_open(m_bus.get()) > 0;
+}
+
+} // namespace MavixControl
