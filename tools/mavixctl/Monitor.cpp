@@ -70,6 +70,18 @@ bool IsServiceName(const std::string& name) {
     return false;
 }
 
+MavixTraffic::TCPairing::Limits PairingLimits(const TSMonitorOptions& options) {
+    MavixTraffic::TCPairing::Limits limits;
+    limits.longestWaitUs = static_cast<std::uint64_t>(options.replySeconds * 1e6);
+    return limits;
+}
+
+// Not started yet. Throws TCFailure when there is no bus.
+MavixSim::BusHandle ReachableBus() {
+    const TCBusLink link;
+    return NewSystemBus();
+}
+
 // Whose process is wanted beside a message.
 const std::string& PeerOf(const Message& message) {
     if (message.kind != Kind::Owner)
@@ -80,7 +92,7 @@ const std::string& PeerOf(const Message& message) {
 } // namespace
 
 TCMonitor::TCMonitor(const TSSettings& settings, const TSMonitorOptions& options) try
-    : m_options(options), m_signals(WatchSignals()), m_bus(NewSystemBus()),
+    : m_options(options), m_signals(WatchSignals()), m_bus(ReachableBus()), m_pairing(PairingLimits(options)),
       m_view(settings.json, options.wholePayloads) {
     // Lines are written when there is nothing else to do, or many of them.
     std::setvbuf(stdout, nullptr, _IOFBF, outputBufferSize);
@@ -100,10 +112,10 @@ void TCMonitor::m_BecomeMonitor() {
     sd_bus* bus = m_bus.get();
     Check(sd_bus_set_monitor(bus, 1), "be a monitor");
     sd_bus_message* created = nullptr;
-    if (sd_bus_start(bus) < 0 ||
-        sd_bus_message_new_method_call(bus, &created, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                       "org.freedesktop.DBus.Monitoring", "BecomeMonitor") < 0)
-        throw TCFailure(NoService, "no bus");
+    Check(sd_bus_start(bus), "connect");
+    Check(sd_bus_message_new_method_call(bus, &created, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                         "org.freedesktop.DBus.Monitoring", "BecomeMonitor"),
+          "new call");
     const MavixSim::MessageHandle request(created);
     Check(sd_bus_message_open_container(created, 'a', "s"), "append");
     for (const std::string& rule : Rules())

@@ -18,6 +18,7 @@ struct TSMonitorOptions {
     std::string recordPath;
     std::uint64_t count = 0; // 0: without limit
     std::optional<double> timeoutSeconds;
+    double replySeconds = 30; // the bus libraries give up after 25 s
     bool wholePayloads = false;
 };
 

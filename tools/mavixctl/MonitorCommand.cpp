@@ -15,6 +15,11 @@ void AddMonitorCommand(CLI::App& application, TSSettings& settings, int& exitCod
         ->add_option("--record", options->recordPath, "Write it to a file that mavix-sandbox --replay plays")
         ->type_name("FILE");
     command->add_flag("--full", options->wholePayloads, "Show all of each payload, not its first 64 bytes");
+    command
+        ->add_option("--reply-limit", options->replySeconds,
+                     "Take a call without a reply for unanswered then (30)")
+        ->type_name("SECONDS")
+        ->check(Seconds());
     command->add_option("--count", options->count, "End after so many messages")
         ->type_name("N")
         ->transform(Number(1, std::numeric_limits<std::int64_t>::max()));

@@ -1,7 +1,5 @@
 #include "PeerCache.h"
 
-#include "Command.h"
-
 #include <cstdlib>
 #include <cstring>
 
@@ -49,9 +47,13 @@ BusHandle NewSystemBus() {
     return bus;
 }
 
-TCPeerCache::TCPeerCache() : m_bus(NewSystemBus()) {
-    Check(sd_bus_start(m_bus.get()), "connect");
+BusHandle OpenSystemBus() {
+    BusHandle bus = NewSystemBus();
+    Check(sd_bus_start(bus.get()), "connect");
+    return bus;
 }
+
+TCPeerCache::TCPeerCache() : m_bus(OpenSystemBus()) {}
 
 void TCPeerCache::Want(const std::string& name) {
     if (name.empty() || name.front() != ':')
@@ -94,10 +96,14 @@ void TCPeerCache::m_AskNext() {
     for (; m_asked < mostAsked && !m_wanted.empty(); m_wanted.pop_front()) {
         Peer& peer = m_peers.at(m_wanted.front());
         sd_bus_slot* slot = nullptr;
-        Check(sd_bus_call_method_async(m_bus.get(), &slot, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                       "org.freedesktop.DBus", "GetConnectionCredentials", m_OnAnswer, &peer,
-                                       "s", m_wanted.front().c_str()),
-              "ask for credentials");
+        const int result = sd_bus_call_method_async(
+            m_bus.get(), &slot, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+            "GetConnectionCredentials", m_OnAnswer, &peer, "s", m_wanted.front().c_str());
+        if (result < 0) {
+            // The bus has gone, which Process() tells.
+            peer.isSettled = true;
+            continue;
+        }
         peer.slot.reset(slot);
         ++m_asked;
     }
@@ -116,11 +122,7 @@ int TCPeerCache::m_OnAnswer(sd_bus_message* answer, void* data, sd_bus_error*) {
     peer.isSettled = true;
     TCPeerCache& self = *peer.owner;
     --self.m_asked;
-    try {
-        self.m_AskNext();
-    } catch (const std::exception&) {
-        // The bus has gone, which Process() tells.
-    }
+    self.m_AskNext();
     return 0;
 }
 

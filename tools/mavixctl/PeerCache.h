@@ -57,6 +57,8 @@ private:
 
 // A connection to the system bus that is not started yet.
 MavixSim::BusHandle NewSystemBus();
+// One that is.
+MavixSim::BusHandle OpenSystemBus();
 
 } // namespace MavixControl
 

@@ -70,7 +70,9 @@ int Run(int argc, char** argv) {
     AddCacheCommand(application, settings, exitCode);
     AddBenchCommand(application, settings, exitCode);
     AddListenCommand(application, settings, exitCode);
+    AddDoctorCommand(application, settings, exitCode);
     AddMonitorCommand(application, settings, exitCode);
+    AddOwnersCommand(application, settings, exitCode);
     AddRouteCommand(application, settings, exitCode);
     AddSessionCommand(application, settings, exitCode);
     try {

@@ -44,7 +44,7 @@ TimeSplit SplitTime(const WaitingCall& call, const Message& reply);
 class TCPairing final {
 public:
     struct Limits {
-        std::uint64_t longestWaitUs = 30'000'000; // the bus libraries give up after 25 s
+        std::uint64_t longestWaitUs = 30'000'000;
         std::size_t mostCalls = 65536;
     };
 

@@ -321,7 +321,7 @@ TEST_F(Sandbox, RunsNothingWithABadScenario) {
                                                           ":3:3: $: unknown member 'expects'\n"),
               0u);
     EXPECT_FALSE(std::filesystem::exists(m_note));
-    EXPECT_EQ(Run({"--no-sim", "--scenario", file, "--", "true"}), 125);
+    EXPECT_EQ(Run({"--no-service", "--scenario", file, "--", "true"}), 125);
     EXPECT_TRUE(NothingIsLeft());
 }
 

@@ -1,0 +1,44 @@
+#ifndef MAVIX_TEST_MONITOR_FIXTURE_H
+#define MAVIX_TEST_MONITOR_FIXTURE_H
+
+#include "ControlBus.h"
+#include "tests/bus/sim/RawClient.h"
+
+#include <memory>
+
+namespace MavixTest {
+
+// The service on a private bus, a client whose messages are made by hand, and monitors.
+class ControlMonitor : public ControlBus {
+protected:
+    using Program = std::unique_ptr<TCControlProgram>;
+
+    // Returns when it monitors.
+    static Program Monitor(Words arguments) {
+        arguments.insert(arguments.begin(), "monitor");
+        auto program = std::make_unique<TCControlProgram>(arguments);
+        EXPECT_TRUE(program->AwaitErrors("monitoring")) << program->Errors();
+        return program;
+    }
+
+    // The objects that a program printed which has ended by itself.
+    static std::vector<nlohmann::json> Objects(const Program& program) {
+        const ControlResult result = program->Wait();
+        EXPECT_EQ(result.status, 0) << result.errors;
+        return result.Objects();
+    }
+
+    static RawCall TestCall(MavixSim::Behaviour behaviour, const Bytes& payload = {}) {
+        RawCall call;
+        call.interface = MavixSim::testInterface;
+        call.header = Header(static_cast<int>(behaviour));
+        call.payload = payload;
+        return call;
+    }
+
+    TCRawClient m_client{m_bus.Address()};
+};
+
+} // namespace MavixTest
+
+#endif
