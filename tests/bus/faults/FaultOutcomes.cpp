@@ -1,5 +1,7 @@
 #include "FaultOutcomes.h"
 
+#include <algorithm>
+
 namespace MavixTest {
 
 namespace {
@@ -52,6 +54,24 @@ FaultOutcome Changing(FaultOutcome row) {
     return row;
 }
 
+// What mavixctl says when it does not get the answer.
+FaultOutcome Refusing(FaultOutcome row, const std::string& reason) {
+    row.controlAnswer = "com.norvale.ITest 1 failed: " + reason;
+    row.controlStatus = 1;
+    return row;
+}
+
+FaultOutcome WithoutOwner(FaultOutcome row) {
+    row.controlAnswer = "com.norvale.MavixAPI has no owner: the service does not run";
+    row.controlStatus = 3;
+    return row;
+}
+
+FaultOutcome Answering(FaultOutcome row, const char* answer) {
+    row.controlAnswer = answer;
+    return row;
+}
+
 FaultOutcome Opening(FaultOutcome row) {
     row.opensSession = true;
     return row;
@@ -71,34 +91,47 @@ std::vector<FaultOutcome> MakeTable() {
     const Texts timeout{"6|[API_LITE] send_message_with_reply failed!", "6|[API_LITE] 'Timeout was reached'",
                         "6|[API_LITE] Cannot create reply message. Out of memory."};
     const std::string function = "6|[IPC][com.norvale.MavixAPI:com.norvale.ITest:1]";
-    const Texts left{function, "6|[IPC][Error name: org.freedesktop.DBus.Error.NoReply]",
-                     "6|[IPC]'Message recipient disconnected from message bus without replying'"};
+    const std::string noReply = "org.freedesktop.DBus.Error.NoReply";
+    const std::string leftText = "Message recipient disconnected from message bus without replying";
+    const Texts left{function, "6|[IPC][Error name: " + noReply + "]", "6|[IPC]'" + leftText + "'"};
+    const std::string disconnected = noReply + ": " + leftText;
     const Texts noBytes{"6|No more params", "6|[API_LITE] Expected bytes array."};
     return {
-        Slow(Row("no-reply", "", Always("no-reply"), {"fails after 25 s"}, timeout)),
+        Refusing(Slow(Row("no-reply", "", Always("no-reply"), {"fails after 25 s"}, timeout)),
+                 "Timeout was reached"),
         Row("late-reply", "", Always("late-reply"), {answered + " after 1 s"}),
-        Row("error-reply", "", Always("error-reply"), {"fails"},
-            {function, "6|[IPC][Error name: com.norvale.Error.Refused]", "6|[IPC]'Refused on request.'"}),
-        Row("broken-reply-byte", "", Always("broken-reply-byte"), {"fails"},
-            {"6|[API_LITE] Reply message is broken. Reply value: 0"}),
-        Row("wrong-types", "", Always("wrong-types"), {"fails"},
-            {"6|Expected array!", "6|[API_LITE] Expected bytes array"}),
+        Refusing(
+            Row("error-reply", "", Always("error-reply"), {"fails"},
+                {function, "6|[IPC][Error name: com.norvale.Error.Refused]", "6|[IPC]'Refused on request.'"}),
+            "com.norvale.Error.Refused: Refused on request."),
+        Refusing(Row("broken-reply-byte", "", Always("broken-reply-byte"), {"fails"},
+                     {"6|[API_LITE] Reply message is broken. Reply value: 0"}),
+                 "Reply message is broken. Reply value: 0"),
+        Refusing(Row("wrong-types", "", Always("wrong-types"), {"fails"},
+                     {"6|Expected array!", "6|[API_LITE] Expected bytes array"}),
+                 "Expected bytes array"),
         Row("truncated-aux", "", Always("truncated-aux"), {answered},
             {"6|[IpcAuxData] invalid data -> tag:4, paramLength:8, position:24, length:29"}),
-        Row("huge-reply", "", Always("huge-reply"), {"succeeds with 25165824 bytes"}),
+        Answering(Row("huge-reply", "", Always("huge-reply"), {"succeeds with 25165824 bytes"}),
+                  "25165824 bytes"),
         Changing(Row("drop-name", "", Once("drop-name"), {answered, answered + " after 1 s"})),
         Changing(Row("restart", "", Once("restart"), {answered, answered})),
-        Changing(Row("crash-in-call", "", Once("crash-in-call"), {"fails", answered}, left)),
-        Slow(Row("hang", "", Always("hang"), {"fails after 25 s"}, timeout)),
+        Refusing(Changing(Row("crash-in-call", "", Once("crash-in-call"), {"fails", answered}, left)),
+                 disconnected),
+        Refusing(Slow(Row("hang", "", Always("hang"), {"fails after 25 s"}, timeout)), "Timeout was reached"),
         Row("hang", "for a second", Rule(R"("fault":"hang","with":{"milliseconds":1000})"),
             {answered + " after 1 s"}),
-        Changing(Row("disconnect", "", Once("disconnect"), {"fails", answered}, left)),
+        Refusing(Changing(Row("disconnect", "", Once("disconnect"), {"fails", answered}, left)),
+                 disconnected),
         Changing(Row("owner-flap", "twice, half a second each",
                      Rule(R"("sequence":[{"fault":"owner-flap","with":{"times":2,"milliseconds":500}},{}])"),
                      {answered, answered, answered})),
-        Opening(Row("refuse-session", "",
+        Answering(
+            Opening(
+                Row("refuse-session", "",
                     R"("interfaces":{"com.norvale.ISessionControl":[{"code":0,"fault":"refuse-session"}]})",
                     {"returns -1"}, {"6|Open Session, retCode(-1), refCount(1), m_sessionState(undefined)"})),
+            "4 bytes"),
         Row("flood-events", "", AfterCall("flood-events"), {answered}, {}, "0 to 9999"),
         Stopping(Row("malformed-event", "", AfterCall("malformed-event"), {answered}, noBytes)),
         OnRelease(Row("malformed-event", "on a release build", AfterCall("malformed-event"), {answered},
@@ -106,10 +139,11 @@ std::vector<FaultOutcome> MakeTable() {
         Row("duplicate-event", "", AfterCall("duplicate-event", R"(,"payload":["i:5"])"), {answered}, {},
             "5 5"),
         Row("reorder", "", AfterCall("reorder"), {answered}, {}, "1 0"),
-        Row("slow-start", "", R"("start":{"fault":"slow-start"})", {answered + " after 1 s"}),
-        Slow(Row("never-start", "", R"("start":{"fault":"never-start"})", {"fails after 25 s"},
-                 {"6|[API_LITE][END] TIMEOUT, Cannot connect to the com.norvale.MavixAPI bus name",
-                  "6|[API_LITE] Bus not owned", "6|[API_LITE] m_PrepareCall failed."})),
+        WithoutOwner(Row("slow-start", "", R"("start":{"fault":"slow-start"})", {answered + " after 1 s"})),
+        WithoutOwner(
+            Slow(Row("never-start", "", R"("start":{"fault":"never-start"})", {"fails after 25 s"},
+                     {"6|[API_LITE][END] TIMEOUT, Cannot connect to the com.norvale.MavixAPI bus name",
+                      "6|[API_LITE] Bus not owned", "6|[API_LITE] m_PrepareCall failed."}))),
     };
 }
 
@@ -118,6 +152,25 @@ std::vector<FaultOutcome> MakeTable() {
 const std::vector<FaultOutcome>& FaultOutcomes() {
     static const std::vector<FaultOutcome> table = MakeTable();
     return table;
+}
+
+std::vector<std::size_t> FaultRows(bool slow) {
+    std::vector<std::size_t> rows;
+    for (std::size_t at = 0; at < FaultOutcomes().size(); ++at) {
+        if (FaultOutcomes()[at].isSlow == slow) {
+            rows.push_back(at);
+        }
+    }
+    return rows;
+}
+
+std::string FaultRowName(std::size_t number) {
+    const FaultOutcome& row = FaultOutcomes()[number];
+    std::string name = std::string(row.fault) + (*row.variant == '\0' ? "" : " ") + row.variant;
+    name.erase(std::remove(name.begin(), name.end(), ','), name.end());
+    std::replace_if(
+        name.begin(), name.end(), [](char letter) { return letter == '-' || letter == ' '; }, '_');
+    return name;
 }
 
 } // namespace MavixTest

@@ -27,11 +27,19 @@ struct FaultOutcome {
     bool opensSession = false;
     bool stopsTheProcess = false;
     bool isRelease = false; // the build flavour; plain otherwise
+    // What `mavixctl call` of the same function says, up to the time where there is one, and its exit code.
+    // For `refuse-session` it calls what the library calls.
+    std::string controlAnswer = "3 bytes";
+    int controlStatus = 0;
     // Takes the bus library's limit of 25 s.
     bool isSlow = false;
 };
 
 const std::vector<FaultOutcome>& FaultOutcomes();
+
+// The numbers of the rows that are slow, or that are not; and a row's name for a test.
+std::vector<std::size_t> FaultRows(bool slow);
+std::string FaultRowName(std::size_t number);
 
 } // namespace MavixTest
 

@@ -177,25 +177,8 @@ TEST_P(Fault, DoesWhatTheTableSays) {
     EXPECT_EQ(std::set<std::string>(row.lines.begin(), row.lines.end()), LogOf(result, row.lines));
 }
 
-std::vector<std::size_t> RowsOfThisProgram() {
-    std::vector<std::size_t> rows;
-    for (std::size_t at = 0; at < FaultOutcomes().size(); ++at) {
-        if (FaultOutcomes()[at].isSlow == (MAVIX_TEST_SLOW_FAULTS != 0)) {
-            rows.push_back(at);
-        }
-    }
-    return rows;
-}
-
-std::string NameOf(const testing::TestParamInfo<std::size_t>& info) {
-    const FaultOutcome& row = FaultOutcomes()[info.param];
-    std::string name = std::string(row.fault) + "_" + row.variant;
-    std::replace_if(
-        name.begin(), name.end(), [](unsigned char letter) { return std::isalnum(letter) == 0; }, '_');
-    return name;
-}
-
-INSTANTIATE_TEST_SUITE_P(Table, Fault, testing::ValuesIn(RowsOfThisProgram()), NameOf);
+INSTANTIATE_TEST_SUITE_P(Table, Fault, testing::ValuesIn(FaultRows(MAVIX_TEST_SLOW_FAULTS != 0)),
+                         [](const auto& row) { return FaultRowName(row.param); });
 
 TEST(FaultOutcomes, AreThereForEveryFault) {
     std::set<std::string> played;

@@ -31,10 +31,14 @@ std::string LogCell(const FaultOutcome& row) {
     return Joined(cells);
 }
 
+std::string ControlCell(const FaultOutcome& row) {
+    return row.isRelease ? "" : std::to_string(row.controlStatus) + ": " + row.controlAnswer;
+}
+
 std::string RowText(const FaultOutcome& row) {
     const std::string variant = *row.variant == '\0' ? "" : std::string(", ") + row.variant;
     return "| `" + std::string(row.fault) + "`" + variant + " | " + Joined(row.calls) + " | " +
-           EventsCell(row) + " | " + LogCell(row) + " |";
+           EventsCell(row) + " | " + LogCell(row) + " | " + ControlCell(row) + " |";
 }
 
 TEST(FaultPage, SaysWhatTheTableSays) {
