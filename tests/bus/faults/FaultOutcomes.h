@@ -28,7 +28,7 @@ struct FaultOutcome {
     bool stopsTheProcess = false;
     bool isRelease = false; // the build flavour; plain otherwise
     // What `mavixctl call` of the same function says, up to the time where there is one, and its exit code.
-    // For `refuse-session` it calls what the library calls.
+    // For `refuse-session` it calls what the library calls. Not played in a build flavour.
     std::string controlAnswer = "3 bytes";
     int controlStatus = 0;
     // Takes the bus library's limit of 25 s.

@@ -442,6 +442,42 @@ TEST(ScenarioReader, ReadsEveryMember) {
     EXPECT_TRUE(scenario.nothingElse);
 }
 
+TEST(ScenarioPage, NamesEveryMemberFaultAndParameter) {
+    const std::string page = FileText(MAVIX_TEST_SCENARIO_PAGE);
+    for (const ScenarioObject& object : ScenarioObjects()) {
+        for (const ScenarioObject::Member& member : object.members) {
+            EXPECT_NE(std::string::npos, page.find("`" + member.name + "`"))
+                << object.name << " " << member.name;
+        }
+    }
+    for (const FaultRow& fault : FaultTable()) {
+        const std::size_t row = page.find("| `" + std::string(fault.name) + "` | ");
+        ASSERT_NE(std::string::npos, row) << fault.name;
+        const std::string text = page.substr(row, page.find('\n', row) - row);
+        for (const FaultParameter& parameter : fault.parameters) {
+            // What only actions have stands in a table of its own.
+            if (parameter.places == inAction) {
+                continue;
+            }
+            const std::string name = "`" + std::string(parameter.name) + "`";
+            EXPECT_NE(std::string::npos, text.find(name)) << fault.name << " " << name;
+            if (!parameter.IsText()) {
+                EXPECT_NE(std::string::npos, text.find(name + ": " + std::to_string(parameter.number)))
+                    << fault.name << " " << name;
+            }
+        }
+    }
+}
+
+TEST(ScenarioPage, ShowsAScenarioThatIsOne) {
+    const std::string page = FileText(MAVIX_TEST_SCENARIO_PAGE);
+    const std::string mark = "```json\n";
+    const std::size_t start = page.find(mark) + mark.size();
+    const std::string scenario = page.substr(start, page.find("```", start) - start);
+    EXPECT_EQ("", Complaint(scenario));
+    EXPECT_TRUE(Schema().Accepts(json::parse(scenario)));
+}
+
 TEST(ScenarioReader, AndTheSchemaTakeTheReadyScenarios) {
     std::size_t files = 0;
     for (const auto& entry : std::filesystem::directory_iterator(MAVIX_TEST_SCENARIOS)) {
