@@ -10,6 +10,9 @@ namespace MavixControl {
 
 namespace {
 
+// Begins the name of the validator that bears what completion offers: options have no other place for it.
+const std::string choicesMark = "choices:";
+
 // The names that D-Bus allows for an interface; the library refuses others, too.
 bool IsInterfaceName(const std::string& name) {
     constexpr std::size_t longest = 255;
@@ -72,6 +75,7 @@ CLI::Validator Seconds() {
 
 void SetChoices(CLI::Option* option, const std::vector<std::string>& choices) {
     option->type_name(Join(choices, "|"));
+    OfferChoices(option, choices);
     option->check(CLI::Validator(
         [choices](std::string& text) {
             return std::find(choices.begin(), choices.end(), text) != choices.end()
@@ -79,6 +83,24 @@ void SetChoices(CLI::Option* option, const std::vector<std::string>& choices) {
                        : "'" + text + "' is none of " + Join(choices, ", ");
         },
         ""));
+}
+
+void OfferChoices(CLI::Option* option, const std::vector<std::string>& choices) {
+    option->check(
+        CLI::Validator([](std::string&) { return std::string(); }, "", choicesMark + Join(choices, "|")));
+}
+
+std::vector<std::string> ChoicesOf(CLI::Option& option) {
+    try {
+        for (int index = 0;; ++index) {
+            const std::string& name = option.get_validator(index)->get_name();
+            if (name.rfind(choicesMark, 0) == 0)
+                return CLI::detail::split(name.substr(choicesMark.size()), '|');
+        }
+    } catch (const CLI::OptionNotFound&) {
+        // The index has come to the end.
+        return {};
+    }
 }
 
 CLI::Option* AddInterface(CLI::App& command, std::string& interfaceName) {

@@ -42,6 +42,9 @@ CLI::Validator Number(std::int64_t lowest, std::int64_t highest);
 CLI::Validator Seconds();
 // One of the texts; completion offers them.
 void SetChoices(CLI::Option* option, const std::vector<std::string>& choices);
+// What completion offers, where other texts are taken, too.
+void OfferChoices(CLI::Option* option, const std::vector<std::string>& choices);
+std::vector<std::string> ChoicesOf(CLI::Option& option);
 
 // The arguments that most commands have.
 CLI::Option* AddInterface(CLI::App& command, std::string& interfaceName);

@@ -15,6 +15,7 @@ void AddMonitorCommand(CLI::App& application, TSSettings& settings, int& exitCod
 void AddOwnersCommand(CLI::App& application, TSSettings& settings, int& exitCode);
 void AddRouteCommand(CLI::App& application, TSSettings& settings, int& exitCode);
 void AddSessionCommand(CLI::App& application, TSSettings& settings, int& exitCode);
+void AddCompletionCommand(CLI::App& application, TSSettings& settings, int& exitCode);
 
 } // namespace MavixControl
 

@@ -93,10 +93,11 @@ MAVIXHandle ParseHandle(const std::string& text) {
 
 void TCListenCommand::AddOptions(CLI::App& command) {
     constexpr std::int64_t most = std::numeric_limits<std::int32_t>::max();
-    command.add_option("TYPE", m_typeNames, "Types of events by name or number, or all")
-        ->required()
-        ->type_name("")
-        ->check(EventType());
+    CLI::Option* types = command.add_option("TYPE", m_typeNames, "Types of events by name or number, or all");
+    types->required()->type_name("")->check(EventType());
+    std::vector<std::string> choices(eventNames.begin(), eventNames.end());
+    choices.emplace_back("all");
+    OfferChoices(types, choices);
     command.add_option("--id", m_id, "Only events with this id")
         ->type_name("N")
         ->transform(Number(std::numeric_limits<std::int32_t>::min(), most));

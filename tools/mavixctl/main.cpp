@@ -1,5 +1,6 @@
 #include "Commands.h"
 #include "LibraryLog.h"
+#include "Manual.h"
 #include "Output.h"
 
 #include <exception>
@@ -75,6 +76,8 @@ int Run(int argc, char** argv) {
     AddOwnersCommand(application, settings, exitCode);
     AddRouteCommand(application, settings, exitCode);
     AddSessionCommand(application, settings, exitCode);
+    AddCompletionCommand(application, settings, exitCode);
+    AddManual(application);
     try {
         application.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

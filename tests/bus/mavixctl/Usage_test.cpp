@@ -141,6 +141,9 @@ TEST(Usage, SaysWhichArgumentIsWrongAndWhatWasExpected) {
          "cache reset"},
         {{"cache", "watch", "demo", "--interval", "-1"}, "--interval: '-1'" + noSeconds, "cache watch"},
 
+        {{"completion"}, "SHELL is missing: The shell"},
+        {{"completion", "ksh"}, "SHELL: 'ksh' is none of bash, zsh, fish"},
+
         {{"bench"}, name},
         {{"bench", interface}, "CODE is missing: The function's code, from -32768 to 32767"},
         {{"bench", interface, "1", "--size", "16777217"},

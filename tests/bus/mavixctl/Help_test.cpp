@@ -1,0 +1,193 @@
+#include "ControlProgram.h"
+
+#include "TempFolder.h"
+
+#include <algorithm>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <regex>
+#include <sstream>
+
+namespace MavixTest {
+
+namespace {
+
+// What a program prints that gets the text as a file, "$0"; its exit status goes to `status`.
+std::string RunWithFile(const std::string& text, const std::string& script, int& status) {
+    const MavixTools::TCTempFolder folder;
+    const std::string path = folder.Path() + "/text";
+    std::ofstream(path) << text;
+    MavixTools::ChildOptions options;
+    options.program = "bash";
+    options.arguments = {"-c", "exec >\"$0.out\" 2>&1\n" + script, path};
+    status = MavixTools::ShellStatus(*MavixTools::TCChildProcess(options).Wait());
+    std::ifstream file(path + ".out");
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+bool IsInstalled(const char* program) {
+    int status = 0;
+    RunWithFile("", std::string("command -v ") + program, status);
+    return status == 0;
+}
+
+Words Split(const std::string& text) {
+    std::istringstream stream(text);
+    return {std::istream_iterator<std::string>(stream), {}};
+}
+
+// The commands of a help text, or its options.
+Words Listed(const std::string& help, const char* pattern) {
+    Words found;
+    const std::regex line(pattern);
+    for (std::sregex_iterator at(help.begin(), help.end(), line), end; at != end; ++at)
+        found.push_back((*at)[1]);
+    return found;
+}
+
+Words CommandsIn(const std::string& help) {
+    const std::size_t at = help.find("Subcommands:");
+    return at == std::string::npos ? Words() : Listed(help.substr(at), "\n  ([a-z]+) ");
+}
+
+// Calls `visit` with every command, as the words behind the program's name, and its help.
+template <class Visit>
+void ForEachCommand(const Words& command, const Visit& visit) {
+    Words words = command;
+    words.emplace_back("--help");
+    const ControlResult help = RunControl(words);
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.errors, "");
+    visit(command, help.output);
+    for (const std::string& own : CommandsIn(help.output)) {
+        Words below = command;
+        below.push_back(own);
+        ForEachCommand(below, visit);
+    }
+}
+
+std::string Join(const Words& words) {
+    std::string text = "mavixctl";
+    for (const std::string& word : words)
+        text += " " + word;
+    return text;
+}
+
+TEST(Help, EveryCommandHasAnExampleOfItself) {
+    int commands = 0;
+    ForEachCommand({}, [&](const Words& command, const std::string& help) {
+        if (!CommandsIn(help).empty())
+            return;
+        ++commands;
+        EXPECT_NE(help.find("Example:\n  "), std::string::npos) << Join(command);
+        EXPECT_NE(help.find(Join(command), help.find("Example:\n")), std::string::npos) << Join(command);
+        if (command[0] != "completion") {
+            EXPECT_NE(help.find("--json "), std::string::npos) << Join(command);
+        }
+    });
+    EXPECT_GE(commands, 16);
+}
+
+// What bash offers for the last word.
+Words Complete(const std::string& completion, const Words& words, int& status) {
+    std::string script = "source \"$0\"; COMP_WORDS=(mavixctl";
+    for (const std::string& word : words)
+        script += " '" + word + "'";
+    script += "); COMP_CWORD=" + std::to_string(words.size()) + "; _mavixctl; echo \"${COMPREPLY[@]}\"";
+    return Split(RunWithFile(completion, script, status));
+}
+
+TEST(Completion, BashOffersWhatTheHelpLists) {
+    const std::string completion = RunControl({"completion", "bash"}).output;
+    ForEachCommand({}, [&](const Words& command, const std::string& help) {
+        Words expected = CommandsIn(help);
+        const Words options = Listed(help, "\n  (?:-[a-z],)?(--[a-z-]+)");
+        EXPECT_FALSE(options.empty());
+        expected.insert(expected.end(), options.begin(), options.end());
+        Words words = command;
+        words.emplace_back("");
+        int status = -1;
+        Words offered = Complete(completion, words, status);
+        EXPECT_EQ(status, 0);
+        std::sort(offered.begin(), offered.end());
+        for (const std::string& word : expected)
+            EXPECT_TRUE(std::binary_search(offered.begin(), offered.end(), word))
+                << Join(command) << " " << word;
+    });
+}
+
+struct CompletionRow {
+    Words words;
+    Words offered;
+};
+
+TEST(Completion, BashCompletesTheWordAtTheCursor) {
+    const std::string completion = RunControl({"completion", "bash"}).output;
+    const CompletionRow rows[] = {
+        {{"ro"}, {"route"}},
+        {{"session", "t"}, {"terminated", "trace"}},
+        {{"session", "open", "--h"}, {"--help", "--hold"}},
+        {{"session", "open", "--hold", ""}, {}},
+        {{"listen", "PES"}, {"PESData"}},
+        {{"listen", "Data", "--json", "Te"}, {"TextData"}},
+        {{"listen", "Data", "--id", ""}, {}},
+        {{"completion", ""}, {"bash", "zsh", "fish", "--help"}},
+        {{"call", "com.norvale.IAVControl", "1", "--as"}, {"--async"}},
+        {{"nonsense", "--x"}, {}},
+    };
+    for (const CompletionRow& row : rows) {
+        int status = -1;
+        EXPECT_EQ(Complete(completion, row.words, status), row.offered) << Join(row.words);
+        EXPECT_EQ(status, 0) << Join(row.words);
+    }
+}
+
+class CompletionOf : public testing::TestWithParam<const char*> {};
+
+TEST_P(CompletionOf, IsAcceptedByTheShell) {
+    const std::string shell = GetParam();
+    const ControlResult completion = RunControl({"completion", shell});
+    EXPECT_EQ(completion.status, 0);
+    EXPECT_NE(completion.output.find("mavixctl session open"), std::string::npos);
+    if (!IsInstalled(shell.c_str()))
+        GTEST_SKIP() << shell << " is not installed";
+    int status = -1;
+    EXPECT_EQ(RunWithFile(completion.output, shell + " -n \"$0\"", status), "");
+    EXPECT_EQ(status, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Shells, CompletionOf, testing::Values("bash", "zsh", "fish"),
+                         [](const auto& shell) { return std::string(shell.param); });
+
+TEST(Manual, TellsEveryCommandAndOption) {
+    const ControlResult manual = RunControl({"--generate-man"});
+    ASSERT_EQ(manual.status, 0) << manual.errors;
+    ForEachCommand({}, [&](const Words& command, const std::string& help) {
+        if (command.empty())
+            return;
+        const std::size_t at = manual.output.find(".SS " + Join(command) + "\n");
+        ASSERT_NE(at, std::string::npos) << Join(command);
+        const std::string section = manual.output.substr(at, manual.output.find("\n.S", at + 1) - at);
+        if (!CommandsIn(help).empty())
+            return;
+        for (const std::string& option : Listed(help, "\n  (?:-[a-z],)?(--[a-z-]+)"))
+            EXPECT_NE(section.find("\\fB\\-\\-" + option.substr(2) + "\\fR"), std::string::npos)
+                << Join(command) << " " << option;
+    });
+    for (const char* heading : {"NAME", "SYNOPSIS", "EXIT STATUS", "ENVIRONMENT"})
+        EXPECT_NE(manual.output.find(std::string("\n.SH ") + heading + "\n"), std::string::npos) << heading;
+}
+
+TEST(Manual, IsSoundTroff) {
+    if (!IsInstalled("groff"))
+        GTEST_SKIP() << "groff is not installed";
+    int status = -1;
+    EXPECT_EQ(RunWithFile(RunControl({"--generate-man"}).output, "groff -man -Tutf8 -ww -z \"$0\"", status),
+              "");
+    EXPECT_EQ(status, 0);
+}
+
+} // namespace
+
+} // namespace MavixTest
