@@ -139,14 +139,6 @@ MessageHandle MakeBigReply(TCReplyWriter writer, const Parameter& parameter) {
     return writer.Byte(wellFormed).LengthAndArray(payload.data(), payload.size()).Finish();
 }
 
-MessageHandle NewError(sd_bus_message* request, const std::string& name) {
-    // The function that makes errors insists on a text, so the error's own one is left out by hand.
-    const sd_bus_error error = SD_BUS_ERROR_MAKE_CONST(name.c_str(), nullptr);
-    sd_bus_message* message = nullptr;
-    Check(sd_bus_message_new_method_error(request, &message, &error), "new error");
-    return MessageHandle(message);
-}
-
 MessageHandle MakeErrorReply(sd_bus_message* request, Behaviour behaviour, const Parameter& parameter) {
     const std::string wanted = parameter.Text();
     const std::string given = wanted.empty() ? "com.norvale.Error.Refused\nRefused on request." : wanted;
@@ -214,6 +206,14 @@ MessageHandle MakeReply(sd_bus_message* request, Behaviour behaviour, const Para
         return nullptr;
     }
     throw Refusal("no behaviour " + std::to_string(static_cast<int>(behaviour)));
+}
+
+MessageHandle NewError(sd_bus_message* request, const std::string& name) {
+    // The function that makes errors insists on a text, so the error's own one is left out by hand.
+    const sd_bus_error error = SD_BUS_ERROR_MAKE_CONST(name.c_str(), nullptr);
+    sd_bus_message* message = nullptr;
+    Check(sd_bus_message_new_method_error(request, &message, &error), "new error");
+    return MessageHandle(message);
 }
 
 void SendReply(MessageHandle reply) {

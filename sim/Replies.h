@@ -28,6 +28,9 @@ struct Parameter {
 MessageHandle MakeReply(sd_bus_message* request, Behaviour behaviour, const Parameter& parameter,
                         const Parameter& echoed, std::uint64_t receivedMs);
 
+// An error without arguments.
+MessageHandle NewError(sd_bus_message* request, const std::string& name);
+
 void SendReply(MessageHandle reply);
 void SendError(sd_bus_message* request, const std::string& name, const std::string& text);
 

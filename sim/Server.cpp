@@ -77,7 +77,7 @@ bool OthersAreOn(sd_bus* bus) {
 
 } // namespace
 
-TCServer::TCServer(const Role& role, bool keepRecords, const Playback* playback)
+TCServer::TCServer(const Role& role, bool keepRecords, const Playback* playback, const Replayed* replayed)
     : m_role(role), m_keepRecords(keepRecords), m_event(MakeEventLoop()), m_bus(OpenBus(m_event.get())),
       m_timers(m_event.get()), m_names(m_bus.get(), m_timers), m_pids(m_bus.get()), m_sessions(m_bus.get()),
       m_recorder(role.processName), m_emitter(m_event.get(), m_bus.get()),
@@ -91,6 +91,8 @@ TCServer::TCServer(const Role& role, bool keepRecords, const Playback* playback)
                          TCPlayer::Parts{role, m_event.get(), m_bus.get(), m_names, m_emitter, m_timers});
         m_responder.SetPlans([this](const Call& call) { return m_player->PlanFor(call); });
     }
+    if (replayed != nullptr)
+        m_replay.emplace(*replayed, m_bus.get(), m_emitter, m_timers);
     sd_bus_slot* slot = nullptr;
     Check(sd_bus_add_filter(m_bus.get(), &slot, m_OnMessage, this), "add a filter");
     m_filter.reset(slot);
@@ -104,11 +106,13 @@ void TCServer::TakeNames(bool isFirstTime) {
     }
     m_names.TakeServiceNames(m_role);
     m_names.TakeControlName(m_role);
+    if (m_replay && &m_role == &Roles().front())
+        m_replay->Start();
 }
 
 int TCServer::Run() {
     const int exitCode = sd_event_loop(m_event.get());
-    if (m_player && m_wasAskedToEnd)
+    if ((m_player || m_replay) && m_wasAskedToEnd)
         m_ServeTheRest();
     return exitCode;
 }
@@ -148,7 +152,7 @@ void TCServer::m_HandleCall(sd_bus_message* message) {
     try {
         DecodeCall(
             message, m_role, [this](const std::string& sender) { return m_pids.PidOf(sender); }, call);
-        if (call.interface == sessionInterface)
+        if (call.interface == sessionInterface && !m_replay)
             CheckSessionCall(call);
     } catch (const Refusal& refusal) {
         reason = refusal.what();
@@ -159,7 +163,9 @@ void TCServer::m_HandleCall(sd_bus_message* message) {
     ++m_calls;
     if (m_player)
         m_player->Count(call, reason);
-    if (reason.empty())
+    if (m_replay)
+        m_replay->Respond(message, call, reason);
+    else if (reason.empty())
         m_responder.Respond(message, call);
     else
         m_responder.Refuse(message, call, reason);

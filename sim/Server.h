@@ -3,6 +3,7 @@
 
 #include "Control.h"
 #include "PidCache.h"
+#include "replay/Replay.h"
 #include "scenario/Player.h"
 
 namespace MavixSim {
@@ -10,8 +11,8 @@ namespace MavixSim {
 // One serving process: its bus connection, its event loop and the parts on it. Owner: main. One thread.
 class TCServer final {
 public:
-    // Plays nothing when `playback` is null.
-    TCServer(const Role& role, bool keepRecords, const Playback* playback);
+    // Plays nothing when `playback` is null, replays nothing when `replayed` is.
+    TCServer(const Role& role, bool keepRecords, const Playback* playback, const Replayed* replayed);
     TCServer(const TCServer&) = delete;
     TCServer& operator=(const TCServer&) = delete;
 
@@ -44,6 +45,7 @@ private:
     TCResponder m_responder;
     TCControl m_control;
     std::optional<TCPlayer> m_player;
+    std::optional<TCReplay> m_replay;
     SlotHandle m_filter;
 };
 

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <getopt.h>
 
 namespace MavixSim {
@@ -24,10 +25,14 @@ const char* const usage =
     "status "
     "is 124\n"
     "                       when its expectations were not met\n"
-    "  --report=FILE        write into this file, instead of on standard error, why a scenario was refused "
-    "or "
-    "not\n"
-    "                       met\n"
+    "  --replay=FILE        answer with what mavixctl monitor has recorded. The exit status is 123 when "
+    "there "
+    "were\n"
+    "                       calls that the recording does not know\n"
+    "  --replay-speed=SPEED recorded, with the recorded timing, or fast\n"
+    "  --report=FILE        write into this file, instead of on standard error, why a scenario or recording "
+    "was\n"
+    "                       refused or not met\n"
     "  --serve=ROLE         run only one process, daemon or lite, and do not watch over it\n"
     "  --progress-fd=N      share the progress in a scenario by this descriptor; for the supervisor's use\n"
     "  --help, --version    print this text, the version\n";
@@ -38,6 +43,8 @@ enum Option {
     ReadyFd,
     NoRecords,
     Scenario,
+    Replay,
+    ReplaySpeed,
     Report,
     Serve,
     ProgressFd,
@@ -51,6 +58,8 @@ const option longOptions[] = {
     {"ready-fd", required_argument, nullptr, ReadyFd},
     {"no-records", no_argument, nullptr, NoRecords},
     {"scenario", required_argument, nullptr, Scenario},
+    {"replay", required_argument, nullptr, Replay},
+    {"replay-speed", required_argument, nullptr, ReplaySpeed},
     {"report", required_argument, nullptr, Report},
     {"serve", required_argument, nullptr, Serve},
     {"progress-fd", required_argument, nullptr, ProgressFd},
@@ -86,6 +95,12 @@ bool Apply(int choice, const char* value, SimOptions& options) {
         options.scenario = value;
         options.respawn = true;
         return !options.scenario.empty();
+    case Replay:
+        options.replay = value;
+        return !options.replay.empty();
+    case ReplaySpeed:
+        options.isReplayFast = std::strcmp(value, "fast") == 0;
+        return options.isReplayFast || std::strcmp(value, "recorded") == 0;
     case Report:
         options.report = value;
         return !options.report.empty();
@@ -123,6 +138,11 @@ std::optional<SimOptions> ParseSimOptions(int argc, char** argv, int& exitCode) 
     }
     if (optind < argc) {
         std::fprintf(stderr, "mavix-sim: unexpected argument '%s'\n", argv[optind]);
+        exitCode = 2;
+        return std::nullopt;
+    }
+    if (!options.scenario.empty() && !options.replay.empty()) {
+        std::fputs("mavix-sim: a scenario and a recording cannot be played at once\n", stderr);
         exitCode = 2;
         return std::nullopt;
     }

@@ -16,9 +16,12 @@ struct SimOptions {
     bool keepRecords = true;
     // What to play, a file; nothing when empty.
     std::string scenario;
+    // What to replay, a file; nothing when empty.
+    std::string replay;
+    bool isReplayFast = false;
     // Where the supervisor's processes share their progress; negative for a process alone.
     int progressDescriptor = -1;
-    // Where it is told why a scenario was refused or not met; standard error when empty.
+    // Where it is told why a scenario or recording was refused or not met; standard error when empty.
     std::string report;
     // Where readiness is told; standard output when negative.
     int readyDescriptor = -1;

@@ -39,15 +39,16 @@ void WriteAll(int descriptor, const std::string& text) {
     for (std::size_t at = 0; at < text.size();) {
         const ssize_t written = ::write(descriptor, text.data() + at, text.size() - at);
         if (written < 0)
-            throw std::system_error(errno, std::generic_category(), "cannot keep the scenario");
+            throw std::system_error(errno, std::generic_category(), "cannot keep what is played");
         at += static_cast<std::size_t>(written);
     }
 }
 
 } // namespace
 
-SupervisedScenario::SupervisedScenario(const Scenario& scenario, const std::string& fileText)
-    : text(InheritedFile("mavix-scenario")), shared(InheritedFile("mavix-progress")),
+SupervisedScenario::SupervisedScenario(const Scenario& scenario, const std::string& fileText,
+                                       const char* optionName)
+    : option(optionName), text(InheritedFile("mavix-scenario")), shared(InheritedFile("mavix-progress")),
       progress(scenario, shared.Get()) {
     WriteAll(text.Get(), fileText);
 }
@@ -117,9 +118,12 @@ void TCSupervisor::m_Start(Child& child) {
     if (!m_options.keepRecords)
         options.arguments.emplace_back("--no-records");
     if (m_scenario != nullptr) {
-        options.arguments.push_back("--scenario=/proc/self/fd/" + std::to_string(m_scenario->text.Get()));
+        options.arguments.push_back("--" + m_scenario->option + "=/proc/self/fd/" +
+                                    std::to_string(m_scenario->text.Get()));
         options.arguments.push_back("--progress-fd=" + std::to_string(m_scenario->shared.Get()));
     }
+    if (m_options.isReplayFast)
+        options.arguments.emplace_back("--replay-speed=fast");
     options.group = MavixTools::ChildOptions::parentsGroup;
     options.descriptor = ready.writer.Get();
     child.process = TCChildProcess(options);

@@ -9,11 +9,12 @@
 
 namespace MavixSim {
 
-// What the processes that play a scenario inherit. Owner: main.
+// What the processes that play a scenario, or replay a recording, inherit. Owner: main.
 struct SupervisedScenario {
-    // The text is the file's.
-    SupervisedScenario(const Scenario& scenario, const std::string& fileText);
+    // The text is the file's, which they find by an option of this name.
+    SupervisedScenario(const Scenario& scenario, const std::string& fileText, const char* optionName);
 
+    const std::string option;
     MavixTools::TCDescriptor text;
     MavixTools::TCDescriptor shared;
     TCProgress progress; // in `shared`

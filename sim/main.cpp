@@ -1,6 +1,7 @@
 #include "Complaint.h"
 #include "Server.h"
 #include "Supervisor.h"
+#include "replay/Replay.h"
 #include "scenario/Judgement.h"
 #include "scenario/ScenarioReader.h"
 
@@ -14,6 +15,7 @@ using namespace MavixSim;
 
 constexpr int refused = 2;
 constexpr int notMet = 124;
+constexpr int notRecorded = 123;
 
 void TellReady(int descriptor) {
     [[maybe_unused]] const ssize_t written = ::write(descriptor, "\n", 1);
@@ -21,9 +23,9 @@ void TellReady(int descriptor) {
 }
 
 // On the bus for a while. How long to stay off it then; none when the process is to end with `exitCode`.
-std::optional<std::uint32_t> ServeOnce(const SimOptions& options, const Playback* playback, bool isFirstTime,
-                                       int& exitCode) {
-    TCServer server(*options.role, options.keepRecords, playback);
+std::optional<std::uint32_t> ServeOnce(const SimOptions& options, const Playback* playback,
+                                       const Replayed* replayed, bool isFirstTime, int& exitCode) {
+    TCServer server(*options.role, options.keepRecords, playback, replayed);
     server.TakeNames(isFirstTime);
     if (isFirstTime && options.readyDescriptor >= 0)
         TellReady(options.readyDescriptor);
@@ -31,11 +33,11 @@ std::optional<std::uint32_t> ServeOnce(const SimOptions& options, const Playback
     return server.AwayMs();
 }
 
-int Serve(const SimOptions& options, const Playback* playback) {
+int Serve(const SimOptions& options, const Playback* playback, const Replayed* replayed) {
     ::prctl(PR_SET_NAME, options.role->processName);
     int exitCode = 0;
     for (bool isFirstTime = true;; isFirstTime = false) {
-        const auto awayMs = ServeOnce(options, playback, isFirstTime, exitCode);
+        const auto awayMs = ServeOnce(options, playback, replayed, isFirstTime, exitCode);
         if (!awayMs || (*awayMs != 0 && !WaitWithoutServing(*awayMs)))
             return exitCode;
     }
@@ -64,15 +66,33 @@ int Play(const SimOptions& options) {
     if (options.role != nullptr) {
         TCProgress progress(scenario, options.progressDescriptor);
         const Playback playback{scenario, progress};
-        return Serve(options, &playback);
+        return Serve(options, &playback, nullptr);
     }
-    SupervisedScenario supervised(scenario, text);
+    SupervisedScenario supervised(scenario, text, "scenario");
     const int exitCode = TCSupervisor(options, &supervised).Run();
     const std::string report = Judge(scenario, supervised.progress);
     if (report.empty())
         return exitCode;
     Report(options, report);
     return notMet;
+}
+
+int Replay(const SimOptions& options) {
+    std::string text = MavixTraffic::ReadRecordingText(options.replay);
+    const TCRecordedCalls calls(MavixTraffic::ParseRecording(options.replay, text));
+    if (options.role != nullptr) {
+        TCProgress progress(calls.Counted(), options.progressDescriptor);
+        const Replayed replayed{calls, progress, options.isReplayFast};
+        return Serve(options, nullptr, &replayed);
+    }
+    SupervisedScenario supervised(calls.Counted(), text, "replay");
+    text.clear();
+    const int exitCode = TCSupervisor(options, &supervised).Run();
+    const std::string report = TellUnknownCalls(supervised.progress);
+    if (report.empty())
+        return exitCode;
+    Report(options, report);
+    return notRecorded;
 }
 
 } // namespace
@@ -85,7 +105,12 @@ int main(int argc, char** argv) {
     try {
         if (!options->scenario.empty())
             return Play(*options);
-        return options->role != nullptr ? Serve(*options, nullptr) : Supervise(*options);
+        if (!options->replay.empty())
+            return Replay(*options);
+        return options->role != nullptr ? Serve(*options, nullptr, nullptr) : Supervise(*options);
+    } catch (const MavixTraffic::RecordingError& error) {
+        Report(*options, error.what());
+        return refused;
     } catch (const JsonFault& fault) {
         Report(*options, fault.what());
         return refused;

@@ -70,25 +70,28 @@ void JudgeOrder(const Scenario& scenario, const TCProgress& progress, std::vecto
 void JudgeStrangers(const Scenario& scenario, const TCProgress& progress, std::vector<std::string>& lines) {
     std::uint64_t all = 0;
     const auto strangers = progress.Strangers(all);
-    for (const TCProgress::Stranger* stranger : strangers) {
-        std::string line = scenario.nothingElsePlace + ": not expected: a call of " + stranger->interface;
-        if (stranger->hasCode)
-            line += " " + std::to_string(stranger->code);
-        line += " with " + std::to_string(stranger->size) + " bytes";
-        if (stranger->size != 0) {
-            const bool isWhole = stranger->size <= sizeof stranger->start;
-            const std::size_t shown = isWhole ? stranger->size : sizeof stranger->start;
-            line += " hex:" + HexText(stranger->start, shown) + (isWhole ? "" : "...");
-        }
-        if (stranger->reason[0] != '\0')
-            line += std::string(", refused: ") + stranger->reason;
-        lines.push_back(line);
-    }
+    for (const TCProgress::Stranger* stranger : strangers)
+        lines.push_back(scenario.nothingElsePlace + ": not expected: " + StrangerText(*stranger));
     if (all > strangers.size())
         lines.push_back(scenario.nothingElsePlace + ": and " + Times(all - strangers.size()) + " more");
 }
 
 } // namespace
+
+std::string StrangerText(const TCProgress::Stranger& stranger) {
+    std::string text = std::string("a call of ") + stranger.interface;
+    if (stranger.hasCode)
+        text += " " + std::to_string(stranger.code);
+    text += " with " + std::to_string(stranger.size) + " bytes";
+    if (stranger.size != 0) {
+        const bool isWhole = stranger.size <= sizeof stranger.start;
+        const std::size_t shown = isWhole ? stranger.size : sizeof stranger.start;
+        text += " hex:" + HexText(stranger.start, shown) + (isWhole ? "" : "...");
+    }
+    if (stranger.reason[0] != '\0')
+        text += std::string(", refused: ") + stranger.reason;
+    return text;
+}
 
 std::string Judge(const Scenario& scenario, const TCProgress& progress) {
     std::vector<std::string> lines;

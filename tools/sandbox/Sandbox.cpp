@@ -72,18 +72,19 @@ int TCSandbox::Run() {
 }
 
 int TCSandbox::m_JudgeScenario(int status) {
-    if (!m_sim || m_options.scenario.empty())
+    if (!m_sim || (m_options.scenario.empty() && m_options.replay.empty()))
         return status;
     m_sim->Process().End(judgementLimit);
     const int judgement = ShellStatus(m_sim->Process().Wait().value_or(-1));
     if (judgement == 0)
         return status;
     PrintReport(m_ReportPath());
-    if (judgement != scenarioNotMet)
+    const bool isJudged = judgement == scenarioNotMet || judgement == callNotRecorded;
+    if (!isJudged)
         std::fprintf(stderr, "mavix-sandbox: mavix-sim has ended with status %d\n", judgement);
     if (status != 0)
         return status;
-    return judgement == scenarioNotMet ? scenarioNotMet : sandboxFailed;
+    return isJudged ? judgement : sandboxFailed;
 }
 
 void TCSandbox::m_StartServices() {
@@ -95,6 +96,10 @@ void TCSandbox::m_StartServices() {
     if (!m_options.scenario.empty())
         simOptions.insert(simOptions.end(),
                           {"--scenario=" + m_options.scenario, "--report=" + m_ReportPath()});
+    if (!m_options.replay.empty())
+        simOptions.insert(simOptions.end(),
+                          {"--replay=" + m_options.replay, "--report=" + m_ReportPath(),
+                           m_options.isReplayFast ? "--replay-speed=fast" : "--replay-speed=recorded"});
     try {
         m_sim =
             std::make_unique<TCSimService>(FindSim(), simOptions, m_bus->Address(), !m_options.showDaemons);

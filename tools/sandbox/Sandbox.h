@@ -16,6 +16,8 @@ namespace MavixTools {
 constexpr int sandboxFailed = 125;
 // When a scenario's expectations are not met; mavix-sim's, too.
 constexpr int scenarioNotMet = 124;
+// When a recording does not know all calls; mavix-sim's, too.
+constexpr int callNotRecorded = 123;
 
 // One run: bus, stand-in service, command. Owner: the keeper's body, in whose process there is one. The
 // destructor ends what still runs, the command's own left-overs too, and removes the files.

@@ -3,6 +3,7 @@
 #include "Sandbox.h"
 
 #include <cstdio>
+#include <cstring>
 #include <getopt.h>
 
 namespace MavixTools {
@@ -20,6 +21,8 @@ const char* const usage =
     "  --no-service         only the bus, without the stand-in service\n"
     "  --private-run        a /run and a /dev/shm of its own, so that COMMAND can use caches\n"
     "  --scenario=FILE      have the stand-in service play a scenario, and fail when it was not met\n"
+    "  --replay=FILE        have it answer with what mavixctl monitor has recorded\n"
+    "  --replay-speed=SPEED recorded, with the recorded timing, or fast\n"
     "  --shell              run $SHELL, interactive, in the place of COMMAND\n"
     "  --sim-option=OPTION  hand OPTION to mavix-sim, for example --respawn; may be repeated\n"
     "  --verbose            show what the bus daemon and the stand-in service print\n"
@@ -29,13 +32,26 @@ const char* const usage =
     "it\n"
     "cannot be run, 125 when the sandbox itself fails, 124 when COMMAND succeeds and the scenario's "
     "expectations\n"
-    "are not met.\n";
+    "are not met, 123 when it succeeds and the recording does not know all of its calls.\n";
 
-enum Option { NoService = 256, PrivateRun, Scenario, Shell, SimOption, Verbose, Help, Version };
+enum Option {
+    NoService = 256,
+    PrivateRun,
+    Replay,
+    ReplaySpeed,
+    Scenario,
+    Shell,
+    SimOption,
+    Verbose,
+    Help,
+    Version
+};
 
 const option longOptions[] = {
     {"no-service", no_argument, nullptr, NoService},
     {"private-run", no_argument, nullptr, PrivateRun},
+    {"replay", required_argument, nullptr, Replay},
+    {"replay-speed", required_argument, nullptr, ReplaySpeed},
     {"scenario", required_argument, nullptr, Scenario},
     {"shell", no_argument, nullptr, Shell},
     {"sim-option", required_argument, nullptr, SimOption},
@@ -58,6 +74,17 @@ std::optional<SandboxOptions> ParseSandboxOptions(int argc, char** argv, int& ex
             break;
         case PrivateRun:
             options.privateRun = true;
+            break;
+        case Replay:
+            options.replay = optarg;
+            break;
+        case ReplaySpeed:
+            options.isReplayFast = std::strcmp(optarg, "fast") == 0;
+            if (!options.isReplayFast && std::strcmp(optarg, "recorded") != 0) {
+                std::fprintf(stderr, "mavix-sandbox: --replay-speed is recorded or fast, not '%s'\n", optarg);
+                exitCode = sandboxFailed;
+                return std::nullopt;
+            }
             break;
         case Scenario:
             options.scenario = optarg;
@@ -82,8 +109,13 @@ std::optional<SandboxOptions> ParseSandboxOptions(int argc, char** argv, int& ex
             return std::nullopt;
         }
     }
-    if (!options.startService && !options.scenario.empty()) {
-        std::fputs("mavix-sandbox: a scenario needs the stand-in service\n", stderr);
+    const bool plays = !options.scenario.empty();
+    const bool replays = !options.replay.empty();
+    if ((!options.startService && (plays || replays)) || (plays && replays)) {
+        std::fputs(plays && replays ? "mavix-sandbox: a scenario and a recording cannot be played at once\n"
+                   : plays          ? "mavix-sandbox: a scenario needs the stand-in service\n"
+                                    : "mavix-sandbox: a recording needs the stand-in service\n",
+                   stderr);
         exitCode = sandboxFailed;
         return std::nullopt;
     }

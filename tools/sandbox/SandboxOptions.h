@@ -15,6 +15,8 @@ struct SandboxOptions {
     bool showDaemons = false;
     std::vector<std::string> simOptions;
     std::string scenario; // a file; none when empty
+    std::string replay;   // the same, a recording
+    bool isReplayFast = false;
     std::vector<std::string> command;
 };
 

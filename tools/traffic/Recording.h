@@ -22,6 +22,7 @@ const char* ByteOrder();
 // What a call was answered with.
 struct RecordedReply {
     std::uint64_t atUs = 0;
+    std::size_t line = 0;  // in the file
     std::string errorName; // empty for a method return
     std::string signature;
     nlohmann::json arguments;
@@ -42,6 +43,7 @@ struct RecordedCall {
 
 struct RecordedEvent {
     std::uint64_t atUs = 0;
+    std::size_t line = 0; // in the file
     // How many calls precede it.
     std::size_t callsBefore = 0;
     std::string destination; // empty for everybody
@@ -67,6 +69,11 @@ public:
 
 // Reads all of a recording and checks all of it. Throws RecordingError.
 Recording ReadRecording(const std::string& path, std::uint64_t largest = largestRecording);
+// The same in two steps, for who needs the text, too. The text may end early when it is too large, and is
+// refused then.
+std::string ReadRecordingText(const std::string& path, std::uint64_t largest = largestRecording);
+Recording ParseRecording(const std::string& path, const std::string& text,
+                         std::uint64_t largest = largestRecording);
 
 // FNV-1a, 64 bits, over the bytes of all lines before the last one.
 class TCDigest final {

@@ -3,10 +3,12 @@
 #include "JsonNumber.h"
 #include "Recording.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <map>
+#include <memory>
 
 namespace MavixTraffic {
 
@@ -83,6 +85,7 @@ private:
 class TCRecordingReader final {
 public:
     void AddLine(const std::string& text) {
+        ++m_line;
         if (m_ended)
             throw std::invalid_argument("a line after the end of the recording");
         TCLine line(m_Parse(text));
@@ -211,6 +214,7 @@ private:
                                         (call.reply ? " a second time" : ", which wants no answer"));
         RecordedReply reply;
         reply.atUs = at;
+        reply.line = m_line;
         if (isError) {
             reply.errorName = line.TakeText("name");
             if (sd_bus_interface_name_is_valid(reply.errorName.c_str()) <= 0)
@@ -224,6 +228,7 @@ private:
     void m_ReadEvent(TCLine& line, std::uint64_t at) {
         RecordedEvent event;
         event.atUs = at;
+        event.line = m_line;
         event.callsBefore = m_recording.calls.size();
         line.TakeText("sender");
         event.destination = line.TakeText("destination");
@@ -255,62 +260,59 @@ private:
     std::map<std::uint64_t, std::size_t> m_calls; // by number
     TCDigest m_digest;
     std::uint64_t m_entries = 0;
+    std::size_t m_line = 0;
     std::uint64_t m_lastUs = 0;
     bool m_started = false;
     bool m_ended = false;
 };
 
-// The next line up to its line feed; false at the end of the file. Reads no more than `left` bytes, from
-// which it subtracts what it read.
-bool ReadLine(std::istream& file, std::string& line, std::uint64_t& left, bool& isWhole) {
-    line.clear();
-    isWhole = false;
-    char byte = 0;
-    while (left > 0 && file.get(byte)) {
-        --left;
-        if (byte == '\n') {
-            isWhole = true;
-            return true;
-        }
-        line += byte;
-    }
-    return !line.empty() || left == 0;
-}
-
 } // namespace
 
-Recording ReadRecording(const std::string& path, std::uint64_t largest) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file)
+std::string ReadRecordingText(const std::string& path, std::uint64_t largest) {
+    errno = 0;
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "re"), std::fclose);
+    std::string text;
+    std::size_t count = 1;
+    while (file && count > 0 && text.size() <= largest) {
+        char chunk[65536];
+        count = std::fread(chunk, 1, std::min<std::uint64_t>(sizeof chunk, largest + 1 - text.size()),
+                           file.get());
+        text.append(chunk, count);
+    }
+    if (!file || std::ferror(file.get()) != 0)
         throw RecordingError(path + ": " + std::strerror(errno));
+    return text;
+}
+
+Recording ParseRecording(const std::string& path, const std::string& text, std::uint64_t largest) {
     TCRecordingReader reader;
-    std::uint64_t left = largest + 1;
     std::size_t number = 0;
-    std::string line;
     const auto fail = [&](const std::string& what) {
         throw RecordingError(path + ": line " + std::to_string(number) + ": " + what);
     };
-    bool isWhole = false;
-    while (ReadLine(file, line, left, isWhole)) {
+    for (std::size_t start = 0; start < text.size();) {
         ++number;
-        if (left == 0)
-            fail("the recording is larger than " + std::to_string(largest) + " bytes");
-        if (!isWhole)
-            fail("cut in the middle of a line");
+        const std::size_t end = text.find('\n', start);
+        if (end >= largest)
+            fail(text.size() > largest ? "the recording is larger than " + std::to_string(largest) + " bytes"
+                                       : "cut in the middle of a line");
         try {
-            reader.AddLine(line);
+            reader.AddLine(text.substr(start, end - start));
         } catch (const std::invalid_argument& error) {
             fail(error.what());
         }
+        start = end + 1;
     }
     ++number;
-    if (file.bad())
-        fail("cannot be read");
     if (!reader.Started())
         fail("empty, not a recording of mavixctl monitor");
     if (!reader.Ended())
         fail("the recording has no last line: it was cut, or its monitor was killed");
     return reader.Take();
+}
+
+Recording ReadRecording(const std::string& path, std::uint64_t largest) {
+    return ParseRecording(path, ReadRecordingText(path, largest), largest);
 }
 
 } // namespace MavixTraffic
