@@ -27,6 +27,7 @@ const std::vector<ReadyRow>& ReadyRows() {
         {"service-restarts", "$0 || $0 && $0", 0, answer + answer},
         {"flood", "$0 && $0", 0, answer + answer},
         {"refuses-session", "$0", 0, answer},
+        {"heartbeat", "$0", 0, answer},
         {"expectations", "$0", 0, "the service answered: welcome\n"},
         {"expectations", "true", 124, ""},
         {"expectations", "$0; $0", 124, "the service answered: welcome\nthe service answered: welcome\n"},
