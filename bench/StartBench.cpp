@@ -1,10 +1,12 @@
 #include "Numbers.h"
 
+#include <fcntl.h>
 #include <filesystem>
 #include <spawn.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <unistd.h>
 #include <utility>
 
 // Fresh processes, from their start to their end.
@@ -15,18 +17,36 @@ extern char** environ;
 
 namespace {
 
+// What the programs print is nobody's.
+class FileActions final {
+public:
+    FileActions() {
+        posix_spawn_file_actions_init(&m_actions);
+        posix_spawn_file_actions_addopen(&m_actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    }
+    ~FileActions() { posix_spawn_file_actions_destroy(&m_actions); }
+    FileActions(const FileActions&) = delete;
+    FileActions& operator=(const FileActions&) = delete;
+
+    const posix_spawn_file_actions_t* Get() const { return &m_actions; }
+
+private:
+    posix_spawn_file_actions_t m_actions{};
+};
+
 void Run(benchmark::State& state, std::vector<std::string> words) {
     std::vector<char*> arguments;
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }
     arguments.push_back(nullptr);
+    FileActions actions;
     double cpuSeconds = 0;
     for ([[maybe_unused]] auto step : state) {
         pid_t child = 0;
         int status = 0;
         rusage used = {};
-        if (posix_spawn(&child, words[0].c_str(), nullptr, nullptr, arguments.data(), environ) != 0 ||
+        if (posix_spawn(&child, words[0].c_str(), actions.Get(), nullptr, arguments.data(), environ) != 0 ||
             wait4(child, &status, 0, &used) != child || status != 0) {
             state.SkipWithError("the program failed");
             break;
@@ -58,6 +78,9 @@ int main(int argc, char** argv) {
     }
     add("load/0/ours", {load, folder.parent_path() / "lib/libmavix-api.so.1"});
     add("load/0/gdbus", {load, "libgio-2.0.so.0"});
+    const std::string control = folder / "mavixctl";
+    add("control-help/0/ours", {control, "--help"});
+    add("control-route/0/ours", {control, "route", "com.norvale.IAVControl"});
     benchmark::RunSpecifiedBenchmarks();
     return 0;
 }
