@@ -36,7 +36,7 @@ public:
         const Node* Find(const std::string& wanted) const;
     };
 
-    static constexpr std::size_t largestFile = 64 * 1024 * 1024;
+    static constexpr std::size_t largestFile = std::size_t{64} * 1024 * 1024;
     static constexpr std::size_t mostValues = 1000000;
     static constexpr std::size_t deepest = 32;
 

@@ -125,9 +125,13 @@ public:
                                         {{"code", true, &TCReader::m_ReadCode},
                                          {"when", false, &TCReader::m_ReadWhen},
                                          {"sequence", false, &TCReader::m_ReadSequence}}};
-            for (const Member<Step>& member : StepTable().members)
-                if (std::strcmp(member.name, "times") != 0)
-                    made.members.push_back({member.name, member.required, &TCReader::m_ReadLater});
+            for (const Member<Step>& member : StepTable().members) {
+                const auto is = [&member](const char* name) { return std::strcmp(member.name, name) == 0; };
+                if (!is("times"))
+                    made.members.push_back({member.name, member.required,
+                                            is("comment") ? &TCReader::m_ReadRemark<RuleDraft>
+                                                          : &TCReader::m_ReadLater<RuleDraft>});
+            }
             return made;
         }();
         return table;
@@ -523,6 +527,7 @@ private:
             return;
         }
         std::vector<std::string> names;
+        names.reserve(eventTypes.size());
         for (const EventType& type : eventTypes)
             names.emplace_back(type.member);
         draft.action.event->type = FindEventType(m_Choice(node, names));

@@ -27,7 +27,7 @@ const std::vector<ReadyRow>& ReadyRows() {
         {"service-restarts", "$0 || $0 && $0", 0, answer + answer},
         {"flood", "$0 && $0", 0, answer + answer},
         {"refuses-session", "$0", 0, answer},
-        {"heartbeat", "$0", 0, answer},
+        {"ticks", "$0", 0, answer},
         {"expectations", "$0", 0, "the service answered: welcome\n"},
         {"expectations", "true", 124, ""},
         {"expectations", "$0; $0", 124, "the service answered: welcome\nthe service answered: welcome\n"},
@@ -86,6 +86,14 @@ TEST_F(ReadyScenario, RefusesSessionRefusesTheFirstOpen) {
     Play(Text("refuses-session"));
     EXPECT_EQ(IntBytes(-1), Answer(0, {}, "com.norvale.ISessionControl"));
     EXPECT_EQ(IntBytes(0), Answer(0, {}, "com.norvale.ISessionControl"));
+}
+
+TEST_F(ReadyScenario, TicksTicks) {
+    SubscribeToEvents();
+    Play(Text("ticks"));
+    for (int event = 0; event < 3; ++event) {
+        EXPECT_EQ((Bytes{4, 0, 0, 0, 't', 'i', 'c', 'k'}), m_client.NextEvent().value().payload);
+    }
 }
 
 TEST_F(ReadyScenario, FloodFloodsItsFirstCaller) {

@@ -9,6 +9,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <set>
@@ -493,6 +494,97 @@ TEST(ScenarioReader, AndTheSchemaTakeTheReadyScenarios) {
 TEST(ScenarioReader, AndTheSchemaTakeAScenarioWithEveryMember) {
     EXPECT_TRUE(Schema().Accepts(json::parse(fullScenario)));
     EXPECT_EQ("", Complaint(fullScenario));
+}
+
+// The pointers to all values of a document.
+std::vector<json::json_pointer> PointersIn(const json& value) {
+    std::vector<json::json_pointer> pointers;
+    const std::function<void(const json&, const json::json_pointer&)> visit =
+        [&](const json& part, const json::json_pointer& pointer) {
+            pointers.push_back(pointer);
+            if (part.is_structured()) {
+                for (const auto& item : part.items()) {
+                    visit(item.value(),
+                          part.is_array() ? pointer / std::stoul(item.key()) : pointer / item.key());
+                }
+            }
+        };
+    visit(value, json::json_pointer());
+    return pointers;
+}
+
+// What a schema cannot say, or this one does not.
+bool IsBeyondSchema(const std::string& complaint) {
+    static const char* const texts[] = {
+        "have to be of the same size", "is larger than",       "no expected call has the name",
+        "a second expected call",      "is for the interface", "the timeline has no caller",
+    };
+    return std::any_of(std::begin(texts), std::end(texts),
+                       [&complaint](const char* text) { return complaint.find(text) != std::string::npos; });
+}
+
+TEST(ScenarioReader, AndTheSchemaAgreeOnEverySmallChange) {
+    const json original = json::parse(fullScenario);
+    const json values[] = {nullptr,
+                           true,
+                           -1,
+                           0,
+                           1,
+                           7,
+                           70000,
+                           1.5,
+                           "",
+                           "*",
+                           "x",
+                           "both",
+                           "i:1",
+                           "reorder",
+                           "slow-start",
+                           "hang",
+                           "com.norvale.ITest",
+                           json::array(),
+                           json::object()};
+    std::size_t taken = 0;
+    std::size_t refused = 0;
+    const auto compare = [&](const json& changed, const json::json_pointer& pointer, const json& value) {
+        const std::string complaint = Complaint(changed.dump());
+        const bool schemaTakes = Schema().Accepts(changed);
+        ++(complaint.empty() ? taken : refused);
+        EXPECT_TRUE(schemaTakes == complaint.empty() || (schemaTakes && IsBeyondSchema(complaint)))
+            << pointer << " " << value << " " << complaint;
+    };
+    for (const json::json_pointer& pointer : PointersIn(original)) {
+        for (const json& value : values) {
+            json changed = original;
+            changed[pointer] = value;
+            compare(changed, pointer, value);
+        }
+        if (original[pointer].is_object()) {
+            json changed = original;
+            changed[pointer]["added"] = 1;
+            compare(changed, pointer, "added");
+            for (const auto& member : original[pointer].items()) {
+                changed = original;
+                changed[pointer].erase(member.key());
+                compare(changed, pointer / member.key(), "erased");
+            }
+        }
+    }
+    EXPECT_GT(taken, 100U);
+    EXPECT_GT(refused, 1000U);
+}
+
+TEST(ScenarioReader, SurvivesEveryCutAndEveryWrongByte) {
+    const std::string text = fullScenario;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        EXPECT_NE("", Complaint(text.substr(0, at))) << at;
+        for (const char wrong : {'\0', '"', '}', ']', ',', '\xff'}) {
+            std::string changed = text;
+            changed[at] = wrong;
+            const std::string complaint = Complaint(changed);
+            EXPECT_TRUE(complaint.empty() || complaint.rfind("file:", 0) == 0) << complaint;
+        }
+    }
 }
 
 TEST(ScenarioValue, IsWhatCallsCarry) {

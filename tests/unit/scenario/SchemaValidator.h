@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <map>
 #include <regex>
 #include <set>
 #include <stdexcept>
@@ -74,8 +75,7 @@ private:
             return !value.is_number() || (keyword == "minimum" ? value >= argument : value <= argument);
         }
         if (keyword == "pattern") {
-            return !value.is_string() ||
-                   std::regex_search(value.get<std::string>(), std::regex(argument.get<std::string>()));
+            return !value.is_string() || std::regex_search(value.get<std::string>(), m_Pattern(argument));
         }
         if (keyword == "maxLength") {
             return !value.is_string() || value.get<std::string>().size() <= argument;
@@ -128,6 +128,12 @@ private:
             }
         }
         return true;
+    }
+
+    // Compiling takes much longer than matching.
+    static const std::regex& m_Pattern(const std::string& text) {
+        static std::map<std::string, std::regex> patterns;
+        return patterns.try_emplace(text, text).first->second;
     }
 
     static bool m_IsOfType(const Json& type, const Json& value) {
