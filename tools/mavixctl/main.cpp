@@ -68,14 +68,14 @@ int Run(int argc, char** argv) {
     application.set_version_flag("--version", "mavixctl " MAVIX_VERSION);
     application.require_subcommand(1);
     AddCallCommand(application, settings, exitCode);
-    AddCacheCommand(application, settings, exitCode);
-    AddBenchCommand(application, settings, exitCode);
     AddListenCommand(application, settings, exitCode);
-    AddDoctorCommand(application, settings, exitCode);
     AddMonitorCommand(application, settings, exitCode);
     AddOwnersCommand(application, settings, exitCode);
     AddRouteCommand(application, settings, exitCode);
+    AddBenchCommand(application, settings, exitCode);
     AddSessionCommand(application, settings, exitCode);
+    AddCacheCommand(application, settings, exitCode);
+    AddDoctorCommand(application, settings, exitCode);
     AddCompletionCommand(application, settings, exitCode);
     AddManual(application);
     try {
