@@ -85,11 +85,13 @@ bool TCCallCommand::m_CallOnce(TCMessageBuffer& request, const TCBusLink& link) 
     if (succeeded)
         return m_Report(reply, time);
     m_ReportFailure(lines);
-    // An error with a name is an answer. Without one the bus may have gone, which we hear a moment later than
-    // the library.
-    constexpr double momentSeconds = 0.2;
-    if (lines.ErrorName().empty() && !link.Wait(momentSeconds))
+    // An error with a name is an answer. Without one the bus may have gone, which it then does not answer.
+    try {
+        if (lines.ErrorName().empty())
+            link.HasOwner(m_bus);
+    } catch (const TCFailure&) {
         throw TCFailure(NoService, busHasGone);
+    }
     return false;
 }
 
