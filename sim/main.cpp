@@ -6,6 +6,7 @@
 #include "scenario/ScenarioReader.h"
 
 #include <fstream>
+#include <memory>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -77,18 +78,26 @@ int Play(const SimOptions& options) {
     return notMet;
 }
 
+int ServeRecorded(const SimOptions& options) {
+    const TCRecordedCalls calls(MavixTraffic::ReadRecording(options.replay));
+    TCProgress progress(calls.Counted(), options.progressDescriptor);
+    const Replayed replayed{calls, progress, options.isReplayFast};
+    return Serve(options, nullptr, &replayed);
+}
+
+// What a recording holds is for the serving processes; here it is checked and counted.
+std::unique_ptr<SupervisedScenario> CheckRecording(const std::string& file) {
+    const std::string text = MavixTraffic::ReadRecordingText(file);
+    const TCRecordedCalls calls(MavixTraffic::ParseRecording(file, text));
+    return std::make_unique<SupervisedScenario>(calls.Counted(), text, "replay");
+}
+
 int Replay(const SimOptions& options) {
-    std::string text = MavixTraffic::ReadRecordingText(options.replay);
-    const TCRecordedCalls calls(MavixTraffic::ParseRecording(options.replay, text));
-    if (options.role != nullptr) {
-        TCProgress progress(calls.Counted(), options.progressDescriptor);
-        const Replayed replayed{calls, progress, options.isReplayFast};
-        return Serve(options, nullptr, &replayed);
-    }
-    SupervisedScenario supervised(calls.Counted(), text, "replay");
-    text.clear();
-    const int exitCode = TCSupervisor(options, &supervised).Run();
-    const std::string report = TellUnknownCalls(supervised.progress);
+    if (options.role != nullptr)
+        return ServeRecorded(options);
+    const std::unique_ptr<SupervisedScenario> supervised = CheckRecording(options.replay);
+    const int exitCode = TCSupervisor(options, supervised.get()).Run();
+    const std::string report = TellUnknownCalls(supervised->progress);
     if (report.empty())
         return exitCode;
     Report(options, report);

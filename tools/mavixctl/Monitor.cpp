@@ -40,6 +40,8 @@ MavixTools::TCDescriptor WatchSignals() {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP})
         ::sigaddset(&handled, signal);
     ::sigprocmask(SIG_BLOCK, &handled, nullptr);
+    // Who reads along may leave; the recording is to be whole then.
+    ::signal(SIGPIPE, SIG_IGN);
     MavixTools::TCDescriptor signals(::signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!signals)
         throw std::system_error(errno, std::generic_category(), "cannot watch signals");
@@ -150,7 +152,7 @@ TCMonitor::State TCMonitor::m_Step() {
     }
     m_HandleHeld(false);
     m_HandleTimeOuts();
-    if (m_IsFull())
+    if (m_IsFull() || std::ferror(stdout) != 0)
         return State::Done;
     if (more)
         return State::Goes;

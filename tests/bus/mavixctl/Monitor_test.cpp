@@ -1,5 +1,6 @@
 #include "MonitorFixture.h"
 
+#include "Await.h"
 #include "Recording.h"
 #include "sim/EventTypes.h"
 
@@ -173,6 +174,22 @@ TEST_F(ControlMonitor, PrintsCallsAndRepliesForPeople) {
     };
     for (const std::string& text : expected)
         EXPECT_THAT(result.output, HasSubstr(text));
+}
+
+TEST_F(ControlMonitor, PrintsErrorsAndDeviationsForPeople) {
+    const auto monitor = Monitor({"--count", "6"});
+    m_client.Call(TestCall(Behaviour::Error, TextBytes("com.norvale.Error.A\na \x1b[31mred\ntext")));
+    m_client.Call(TestCall(Behaviour::EmptyReturn));
+    RawCall call;
+    call.size = 5;
+    call.payload = {'a'};
+    m_client.Call(call);
+    const std::string output = monitor->Wait().output;
+    for (const char* text :
+         {" #2 error to #1 com.norvale.ISimTest 2 in ", "\n    com.norvale.Error.A: a \\x1b[31mred\\ntext\n",
+          "\n    deviates: reply byte: expected type 'y', found the end\n",
+          "\n    deviates: payload: size 5 announced, 1 bytes found\n    payload, 1 bytes\n"})
+        EXPECT_THAT(output, HasSubstr(text));
 }
 
 TEST_F(ControlMonitor, DecodesAllTypesOfEvents) {
@@ -471,6 +488,23 @@ TEST_F(ControlMonitor, RecordsWhatItsFiltersTakeWhateverItPrints) {
     EXPECT_EQ(recording.calls[0].payload, Bytes{'a'});
     EXPECT_EQ(recording.calls[0].reply->signature, "yiay");
     EXPECT_EQ(recording.calls[1].reply->errorName, "com.norvale.Error.Refused");
+}
+
+TEST_F(ControlMonitor, AReaderThatLeavesEndsItWithTheRecordingWhole) {
+    const std::string path = m_bus.Folder() + "/recording";
+    TCControlProgram::Options options;
+    options.launcher = {"sh", "-c", "\"$@\" | head -n 1", "sh"};
+    TCControlProgram monitor({"monitor", "--record", path}, options);
+    ASSERT_TRUE(monitor.AwaitErrors("monitoring"));
+    EXPECT_TRUE(Await([&] {
+        m_client.Call(RawCall());
+        try {
+            return !MavixTraffic::ReadRecording(path).calls.empty();
+        } catch (const MavixTraffic::RecordingError&) {
+            return false;
+        }
+    }));
+    EXPECT_THAT(monitor.Wait().output, HasSubstr(" #1 call com.norvale.ITest 0 to com.norvale.MavixAPI\n"));
 }
 
 TEST_F(ControlMonitor, WithoutABusThereIsNothingToMonitor) {
