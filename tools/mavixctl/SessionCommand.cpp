@@ -4,14 +4,19 @@
 #include "Output.h"
 #include "Service.h"
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <fmt/format.h>
 #include <limits>
+#include <mavix-api/Handles.h>
 #include <mavix-api/IPCConnection_C.h>
 #include <mavix-api/SessionControl_C.h>
 #include <memory>
+#include <poll.h>
 #include <sstream>
+#include <sys/signalfd.h>
 
 namespace MavixControl {
 
@@ -25,15 +30,25 @@ struct SessionOptions {
     std::int32_t parameter = 0;
 };
 
-void IgnoreSignal(int /*signal*/) {}
+// Holds back what interrupts a program, so that what it opened is closed first. Made before the library
+// starts threads, which then hold it back, too.
+class TCInterrupts final {
+public:
+    TCInterrupts() {
+        sigset_t signals;
+        sigemptyset(&signals);
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+            sigaddset(&signals, signal);
+        ::sigprocmask(SIG_BLOCK, &signals, nullptr);
+        m_file = MavixApiLite::TCFileDescriptor(::signalfd(-1, &signals, SFD_CLOEXEC));
+    }
 
-// Interrupting ends the wait and not the process, so that what was opened is closed.
-void CatchInterrupts() {
-    struct sigaction action {};
-    action.sa_handler = IgnoreSignal;
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-        ::sigaction(signal, &action, nullptr);
-}
+    // Readable when there was one.
+    int Descriptor() const { return m_file.Get(); }
+
+private:
+    MavixApiLite::TCFileDescriptor m_file;
+};
 
 // A result of the library's: 0 is success.
 EExitCode Report(const TSSettings& settings, const char* operation, int result, const TCErrorLines& lines,
@@ -55,20 +70,32 @@ EExitCode Report(const TSSettings& settings, const char* operation, int result, 
     return result == 0 ? Done : Refused;
 }
 
-void Hold(const TCBusLink& link, double seconds) {
-    if (!link.Wait(seconds))
-        throw TCFailure(NoService, busHasGone);
+// Returns after the time, without limit when it is negative, or at an interrupt.
+void Hold(const TCBusLink& link, const TCInterrupts& interrupts, double seconds) {
+    using Clock = std::chrono::steady_clock;
+    const auto end =
+        Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    while (link.IsAlive()) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+        if (seconds >= 0 && left <= 0)
+            return;
+        pollfd wanted[] = {{link.Descriptor(), POLLIN, 0}, {interrupts.Descriptor(), POLLIN, 0}};
+        ::poll(wanted, 2, seconds < 0 ? -1 : static_cast<int>(left));
+        if (wanted[1].revents != 0)
+            return;
+    }
+    throw TCFailure(NoService, busHasGone);
 }
 
 EExitCode Open(const TSSettings& settings, const SessionOptions& options, const TCBusLink& link) {
-    CatchInterrupts();
+    const TCInterrupts interrupts;
     {
         const TCErrorLines lines;
         const EExitCode opened = Report(settings, "open", SessionControl__Open(), lines);
         if (opened != Done)
             return opened;
     }
-    Hold(link, options.holdSeconds);
+    Hold(link, interrupts, options.holdSeconds);
     const TCErrorLines lines;
     return Report(settings, "close", SessionControl__Close(), lines);
 }
@@ -115,7 +142,7 @@ EExitCode Terminated(const TSSettings& settings) {
 }
 
 EExitCode Trace(const TSSettings& settings, const SessionOptions& options, const TCBusLink& link) {
-    CatchInterrupts();
+    const TCInterrupts interrupts;
     SessionControlDebugInfo info{};
     info.structSize = sizeof info;
     info.callerInfo = options.info.c_str();
@@ -127,7 +154,7 @@ EExitCode Trace(const TSSettings& settings, const SessionOptions& options, const
         if (opened != Done)
             return opened;
     }
-    Hold(link, options.holdSeconds);
+    Hold(link, interrupts, options.holdSeconds);
     const TCErrorLines lines;
     return Report(settings, "close trace", SessionControl__CloseDebugTrace(options.traceId), lines);
 }
