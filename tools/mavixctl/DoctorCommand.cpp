@@ -128,7 +128,7 @@ private:
             m_Tell(State::Good, "caches",
                    "no lock files in /run: no cache has been used since the machine started");
         for (const std::string& name : names) {
-            m_LookAtLock(name, "/run/" + name + suffix);
+            m_LookAtLock(name, fmt::format("/run/{}{}", name, suffix));
             m_LookAtSegment(name);
         }
     }

@@ -50,14 +50,16 @@ MavixTools::TCDescriptor WatchSignals() {
 
 // All that can belong to the service. Replies can be told from others only by their calls.
 std::vector<std::string> Rules() {
+    const char* const ownerChanges =
+        "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
+        "member='NameOwnerChanged'";
     std::vector<std::string> rules{
         "type='method_call',path='/com/norvale/Object'",
         "type='method_return'",
         "type='error'",
         "type='signal',path='/com/norvale/Mavix/SignalObject'",
         "type='signal',interface='com.norvale.Mavix.SignalIFace'",
-        "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',member='"
-        "NameOwnerChanged'",
+        ownerChanges,
     };
     for (const MavixSim::Role& role : MavixSim::Roles())
         for (const std::string& name : role.busNames)

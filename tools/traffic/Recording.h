@@ -14,12 +14,13 @@ namespace MavixTraffic {
 // stand between them. docs/monitor.md describes all of it.
 inline constexpr const char* recordingFormat = "mavix-recording";
 inline constexpr int recordingVersion = 1;
-inline constexpr std::uint64_t largestRecording = 256u * 1024 * 1024;
+inline constexpr std::uint64_t largestRecording = std::uint64_t{256} * 1024 * 1024;
 
 // The byte order of numbers inside payloads.
 const char* ByteOrder();
 
-// What a call was answered with.
+// What a call was answered with. nlohmann::json is moved without exceptions; only what it asserts in debug
+// builds could throw. NOLINTNEXTLINE(bugprone-exception-escape)
 struct RecordedReply {
     std::uint64_t atUs = 0;
     std::size_t line = 0;  // in the file
@@ -41,6 +42,7 @@ struct RecordedCall {
     std::optional<RecordedReply> reply;
 };
 
+// NOLINTNEXTLINE(bugprone-exception-escape)
 struct RecordedEvent {
     std::uint64_t atUs = 0;
     std::size_t line = 0; // in the file
