@@ -31,6 +31,8 @@ constexpr int messagesARound = 256;
 
 // A sender that is not known by then is printed without its process.
 constexpr std::uint64_t longestHoldUs = 1'000'000;
+// The end is not waited for longer.
+constexpr std::uint64_t longestEndUs = 2'000'000;
 constexpr std::size_t mostHeld = 65536;
 constexpr std::size_t mostHeldBytes = 256u << 20;
 
@@ -156,12 +158,16 @@ TCMonitor::State TCMonitor::m_Step() {
     m_HandleTimeOuts();
     if (m_IsFull() || std::ferror(stdout) != 0)
         return State::Done;
-    if (more)
-        return State::Goes;
-    if (!FlushOutput() || m_IsSignalled() || m_IsOver()) {
+    if (!m_latestEndUs && (m_IsSignalled() || m_IsOver()))
+        m_BeginToEnd();
+    if (m_HasEnded()) {
         m_HandleHeld(true);
         return State::Done;
     }
+    if (more)
+        return State::Goes;
+    if (!FlushOutput())
+        return State::Done;
     m_Wait();
     return State::Goes;
 }
@@ -185,7 +191,10 @@ TCMonitor::State TCMonitor::m_ReadSome(bool& more) {
 void TCMonitor::m_TakeUp(sd_bus_message* raw) {
     Held held{MavixSim::RefMessage(raw), MavixTraffic::Decode(raw, MonotonicUs())};
     const Message& message = held.message;
-    if (message.kind == Kind::Other)
+    if (m_latestEndUs && message.replySerial == m_markSerial && message.destination == m_peers.UniqueName())
+        m_markSeen = true;
+    // Everything behind it has come too late.
+    if (message.kind == Kind::Other || m_markSeen)
         return;
     if (message.kind == Kind::Owner && message.owner.name.front() == ':') {
         // Asked before it says anything, for it may be gone by then.
@@ -315,6 +324,8 @@ void TCMonitor::m_HandleTimeOuts() {
 void TCMonitor::m_Wait() {
     std::uint64_t next = m_endUs.value_or(std::numeric_limits<std::uint64_t>::max());
     next = std::min(next, m_pairing.NextTimeOutUs().value_or(next));
+    if (m_latestEndUs)
+        next = *m_latestEndUs;
     if (!m_held.empty())
         next = std::min(next, m_held.front().message.atUs + longestHoldUs);
     const std::uint64_t now = MonotonicUs();
@@ -323,10 +334,20 @@ void TCMonitor::m_Wait() {
     std::array<pollfd, 3> wanted{
         pollfd{Check(sd_bus_get_fd(m_bus.get()), "ask for the socket"), POLLIN, 0},
         pollfd{m_peers.Descriptor(), static_cast<short>(m_peers.Events()), 0},
-        pollfd{m_signals.Get(), POLLIN, 0},
+        // A signal that has been seen stays.
+        pollfd{m_latestEndUs ? -1 : m_signals.Get(), POLLIN, 0},
     };
     if (::poll(wanted.data(), wanted.size(), static_cast<int>(leftMs)) < 0 && errno != EINTR)
         throw std::system_error(errno, std::generic_category(), "cannot wait");
+}
+
+void TCMonitor::m_BeginToEnd() {
+    m_latestEndUs = MonotonicUs() + longestEndUs;
+    m_markSerial = m_peers.SendMark();
+}
+
+bool TCMonitor::m_HasEnded() const {
+    return m_latestEndUs && ((m_markSeen && m_held.empty()) || MonotonicUs() >= *m_latestEndUs);
 }
 
 bool TCMonitor::m_IsSignalled() const {

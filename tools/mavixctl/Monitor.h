@@ -54,6 +54,9 @@ private:
     void m_HandleTimeOuts();
     void m_Wait();
     bool m_IsFull() const { return m_options.count != 0 && m_printed >= m_options.count; }
+    // What has passed before the end was asked for is still printed.
+    void m_BeginToEnd();
+    bool m_HasEnded() const;
     bool m_IsSignalled() const;
     bool m_IsOver() const;
     EExitCode m_Finish(State state);
@@ -70,6 +73,10 @@ private:
     std::uint64_t m_lastNumber = 0;
     std::uint64_t m_printed = 0;
     std::optional<std::uint64_t> m_endUs;
+    // Of the question whose answer, which the bus copies to us, too, is the last message.
+    std::uint64_t m_markSerial = 0;
+    bool m_markSeen = false;
+    std::optional<std::uint64_t> m_latestEndUs;
 };
 
 } // namespace MavixControl

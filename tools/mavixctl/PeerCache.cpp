@@ -126,6 +126,25 @@ int TCPeerCache::m_OnAnswer(sd_bus_message* answer, void* data, sd_bus_error*) {
     return 0;
 }
 
+std::uint64_t TCPeerCache::SendMark() {
+    sd_bus_message* made = nullptr;
+    Check(sd_bus_message_new_method_call(m_bus.get(), &made, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                         "org.freedesktop.DBus", "GetId"),
+          "new call");
+    const MavixSim::MessageHandle question(made);
+    const auto ignore = [](sd_bus_message*, void*, sd_bus_error*) { return 0; };
+    Check(sd_bus_call_async(m_bus.get(), nullptr, made, ignore, nullptr, 0), "ask the bus");
+    std::uint64_t serial = 0;
+    Check(sd_bus_message_get_cookie(made, &serial), "ask for a serial");
+    return serial;
+}
+
+std::string TCPeerCache::UniqueName() const {
+    const char* name = nullptr;
+    Check(sd_bus_get_unique_name(m_bus.get(), &name), "ask for a name");
+    return name;
+}
+
 int TCPeerCache::Descriptor() const {
     return Check(sd_bus_get_fd(m_bus.get()), "ask for the socket");
 }

@@ -29,6 +29,11 @@ public:
     // The connection has gone; what is known of it stays while there is room.
     void Forget(const std::string& name);
 
+    // Asks the bus for something that does not matter: its answer stands behind all that the bus has passed
+    // on before. The serial of the question.
+    std::uint64_t SendMark();
+    std::string UniqueName() const;
+
     // What to wait for, as of poll.
     int Descriptor() const;
     int Events() const;
