@@ -7,6 +7,7 @@
 #include "ChildProcess.h"
 #include "TempFolder.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -47,7 +48,10 @@ protected:
             options.emplace_back(word);
         options.push_back(m_note);
         MavixTools::TCChildProcess sandbox = Start(options);
-        EXPECT_TRUE(Await([&] { return !ReadNote().empty(); }));
+        EXPECT_TRUE(Await([&] {
+            const std::vector<pid_t> all = Descendants(sandbox.Pid());
+            return std::any_of(all.begin(), all.end(), [](pid_t pid) { return NameOf(pid) == "sleep"; });
+        }));
         return sandbox;
     }
 
