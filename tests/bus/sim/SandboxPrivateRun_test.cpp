@@ -13,8 +13,8 @@ const char* const onlyRoot = "needs root, to act as another user";
 // Notes what the command finds in its folders, who it is, and whether it may give a file the owner of a lock
 // file.
 const char* const look = "me=$(id -u):$(id -g); there=$(ls -A /run /dev/shm | tr '\\n' ' '); "
-                         "touch /run/file /dev/shm/file; chown $1 /run/file 2>/dev/null; "
-                         "echo \"$me $there$(stat -c %u:%g /run/file)\" >$0";
+                         "touch /run/$2 /dev/shm/$2; chown $1 /run/$2 2>/dev/null; "
+                         "echo \"$me $there$(stat -c %u:%g /run/$2)\" >$0";
 
 const std::string lockOwner =
     std::to_string(MAVIX_CACHE_OWNER_UID) + ":" + std::to_string(MAVIX_CACHE_OWNER_GID);
@@ -27,8 +27,16 @@ protected:
             GTEST_SKIP() << onlyRoot;
     }
 
+    // Where the sandbox has no folders of its own, the files are the machine's.
+    ~SandboxPrivateRun() override {
+        for (const std::string& path : Files())
+            std::filesystem::remove(path);
+    }
+
+    std::vector<std::string> Files() const { return {"/run/" + m_file, "/dev/shm/" + m_file}; }
+
     Arguments Look() const {
-        return {"--private-run", "--no-service", "--", "sh", "-c", look, m_note, lockOwner};
+        return {"--private-run", "--no-service", "--", "sh", "-c", look, m_note, lockOwner, m_file};
     }
 
     // Runs a sandbox as another user, after a script of root's in mounts of its own. What the sandbox says
@@ -65,13 +73,15 @@ protected:
         return "ids=$(mktemp); chmod 644 $ids; printf '" + line +
                "' >$ids; mount --bind $ids /etc/subuid; mount --bind $ids /etc/subgid; rm $ids";
     }
+
+    const std::string m_file = std::filesystem::path(m_notes.Path()).filename().string();
 };
 
 TEST_F(SandboxPrivateRun, RootHasEmptyFoldersAndMayGiveALockFileItsOwner) {
     EXPECT_EQ(Run(Look()), 0);
     EXPECT_EQ(ReadNote(), "0:0 " + emptyFolders + lockOwner);
-    EXPECT_FALSE(std::filesystem::exists("/run/file"));
-    EXPECT_FALSE(std::filesystem::exists("/dev/shm/file"));
+    for (const std::string& path : Files())
+        EXPECT_FALSE(std::filesystem::exists(path)) << path;
     EXPECT_TRUE(NothingIsLeft());
 }
 
