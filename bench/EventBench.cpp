@@ -1,7 +1,7 @@
 #include "Events.h"
+#include "GdbusPeer.h"
 #include "Peer.h"
 
-#include "Handles.h"
 #include "IPCConnection_C.h"
 
 #include <atomic>
@@ -97,15 +97,7 @@ void TakeGdbus(GDBusConnection* /*connection*/, const gchar* /*sender*/, const g
 }
 
 ObjectHandle<GDBusConnection> Subscribe() {
-    const TextHandle address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
-    ObjectHandle<GDBusConnection> connection(g_dbus_connection_new_for_address_sync(
-        address.get(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr));
-    if (!connection) {
-        Fail("no connection of GDBus");
-    }
+    ObjectHandle<GDBusConnection> connection = ConnectGdbus();
     g_dbus_connection_signal_subscribe(connection.get(), nullptr, eventInterface, eventMember, eventObject,
                                        std::to_string(gdbusId).c_str(), G_DBUS_SIGNAL_FLAGS_NONE, TakeGdbus,
                                        nullptr, nullptr);

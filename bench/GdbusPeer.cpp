@@ -1,6 +1,6 @@
-#include "Peer.h"
+#include "GdbusPeer.h"
 
-#include "Handles.h"
+#include "Peer.h"
 
 #include <unistd.h>
 
@@ -20,18 +20,6 @@ void Check(GError* error, const char* what) {
 
 class TCGdbusPeer final : public TIPeer {
 public:
-    TCGdbusPeer() {
-        GError* error = nullptr;
-        const TextHandle address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error));
-        Check(error, "address");
-        m_connection.reset(g_dbus_connection_new_for_address_sync(
-            address.get(),
-            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, &error));
-        Check(error, "connect");
-    }
-
     void Call(const std::vector<char>& payload) override {
         const ObjectHandle<GDBusMessage> message = m_NewMessage(payload, 0);
         GError* error = nullptr;
@@ -73,10 +61,23 @@ private:
         return message;
     }
 
-    ObjectHandle<GDBusConnection> m_connection;
+    const ObjectHandle<GDBusConnection> m_connection = ConnectGdbus();
 };
 
 } // namespace
+
+ObjectHandle<GDBusConnection> ConnectGdbus() {
+    GError* error = nullptr;
+    const TextHandle address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error));
+    Check(error, "address");
+    ObjectHandle<GDBusConnection> connection(g_dbus_connection_new_for_address_sync(
+        address.get(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error));
+    Check(error, "connect");
+    return connection;
+}
 
 std::unique_ptr<TIPeer> CreateGdbus() {
     return std::make_unique<TCGdbusPeer>();
