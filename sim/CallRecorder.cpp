@@ -1,5 +1,7 @@
 #include "CallRecorder.h"
 
+#include "Hex.h"
+
 #include <nlohmann/json.hpp>
 
 namespace MavixSim {
@@ -20,21 +22,11 @@ std::uint64_t Digest(const std::uint8_t* bytes, std::size_t size) {
     return digest;
 }
 
-std::string Hex(const std::vector<std::uint8_t>& bytes) {
-    const char* const digits = "0123456789abcdef";
-    std::string text;
-    for (const std::uint8_t byte : bytes) {
-        text += digits[byte >> 4];
-        text += digits[byte & 15];
-    }
-    return text;
-}
-
 std::string Hex(std::uint64_t value) {
     std::vector<std::uint8_t> bytes;
     for (int shift = 56; shift >= 0; shift -= 8)
         bytes.push_back(static_cast<std::uint8_t>(value >> shift));
-    return Hex(bytes);
+    return MavixTraffic::ToHex(bytes.data(), bytes.size());
 }
 
 template <class T>
@@ -88,7 +80,7 @@ std::string TCCallRecorder::Lines(std::uint64_t first) const {
         line["pidVerified"] = call.pidVerified;
         line["programName"] = OrNull(call.programName);
         line["size"] = OrNull(call.size);
-        line["payload"] = Hex(record.start);
+        line["payload"] = MavixTraffic::ToHex(record.start.data(), record.start.size());
         line["digest"] = Hex(record.digest);
         line["timestampReceived"] = OrNull(call.timestampReceived);
         line["timestampSent"] = OrNull(call.timestampSent);

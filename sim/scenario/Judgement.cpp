@@ -1,5 +1,7 @@
 #include "Judgement.h"
 
+#include "Hex.h"
+
 namespace MavixSim {
 
 namespace {
@@ -21,16 +23,6 @@ std::string Wanted(const Expectation& expectation) {
 std::string FunctionText(const std::string& interface, std::optional<std::int16_t> code) {
     return (interface == "*" ? "any interface" : interface) + " " +
            (code ? std::to_string(*code) : "of any code");
-}
-
-std::string HexText(const std::uint8_t* bytes, std::size_t size) {
-    static constexpr const char* digits = "0123456789abcdef";
-    std::string text;
-    for (std::size_t at = 0; at < size; ++at) {
-        text += digits[bytes[at] >> 4];
-        text += digits[bytes[at] & 15];
-    }
-    return text;
 }
 
 void JudgeCalls(const Scenario& scenario, const TCProgress& progress, std::vector<std::string>& lines) {
@@ -86,7 +78,7 @@ std::string StrangerText(const TCProgress::Stranger& stranger) {
     if (stranger.size != 0) {
         const bool isWhole = stranger.size <= sizeof stranger.start;
         const std::size_t shown = isWhole ? stranger.size : sizeof stranger.start;
-        text += " hex:" + HexText(stranger.start, shown) + (isWhole ? "" : "...");
+        text += " hex:" + MavixTraffic::ToHex(stranger.start, shown) + (isWhole ? "" : "...");
     }
     if (stranger.reason[0] != '\0')
         text += std::string(", refused: ") + stranger.reason;

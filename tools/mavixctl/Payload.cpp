@@ -1,5 +1,6 @@
 #include "Payload.h"
 
+#include "Hex.h"
 #include "Numbers.h"
 
 #include <cerrno>
@@ -173,15 +174,7 @@ std::string_view BytesOf(const TCMessageBuffer& payload) {
 }
 
 std::string HexText(std::string_view bytes) {
-    constexpr const char* digits = "0123456789abcdef";
-    std::string text;
-    text.reserve(bytes.size() * 2);
-    for (const char letter : bytes) {
-        const auto byte = static_cast<unsigned char>(letter);
-        text += digits[byte >> 4U];
-        text += digits[byte & 0xFU];
-    }
-    return text;
+    return MavixTraffic::ToHex(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
 }
 
 void TCPayloadView::AddOptions(CLI::App& command) {
