@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <poll.h>
 #include <sys/mman.h>
-#include <sys/signalfd.h>
 #include <system_error>
 #include <vector>
 
@@ -55,16 +54,7 @@ SupervisedScenario::SupervisedScenario(const Scenario& scenario, const std::stri
 
 TCSupervisor::TCSupervisor(const SimOptions& options, SupervisedScenario* scenario)
     : m_options(options), m_scenario(scenario) {
-    sigset_t handled;
-    ::sigemptyset(&handled);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-        ::sigaddset(&handled, signal);
-    ::sigprocmask(SIG_BLOCK, &handled, nullptr);
-    // A reader of the readiness who has gone is no reason to end.
-    ::signal(SIGPIPE, SIG_IGN);
-    m_signals = TCDescriptor(::signalfd(-1, &handled, SFD_CLOEXEC));
-    if (!m_signals)
-        throw std::system_error(errno, std::generic_category(), "cannot watch signals");
+    m_signals = MavixTools::WatchEndingSignals();
     if (m_options.readyDescriptor >= 0)
         ::fcntl(m_options.readyDescriptor, F_SETFD, FD_CLOEXEC);
     for (std::size_t i = 0; i < m_children.size(); ++i)

@@ -36,20 +36,6 @@ constexpr std::uint64_t longestEndUs = 2'000'000;
 constexpr std::size_t mostHeld = 65536;
 constexpr std::size_t mostHeldBytes = 256u << 20;
 
-MavixTools::TCDescriptor WatchSignals() {
-    sigset_t handled;
-    ::sigemptyset(&handled);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-        ::sigaddset(&handled, signal);
-    ::sigprocmask(SIG_BLOCK, &handled, nullptr);
-    // Who reads along may leave; the recording is to be whole then.
-    ::signal(SIGPIPE, SIG_IGN);
-    MavixTools::TCDescriptor signals(::signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK));
-    if (!signals)
-        throw std::system_error(errno, std::generic_category(), "cannot watch signals");
-    return signals;
-}
-
 // All that can belong to the service. Replies can be told from others only by their calls.
 std::vector<std::string> Rules() {
     const char* const ownerChanges =
@@ -98,8 +84,8 @@ const std::string& PeerOf(const Message& message) {
 } // namespace
 
 TCMonitor::TCMonitor(const TSSettings& settings, const TSMonitorOptions& options) try
-    : m_options(options), m_signals(WatchSignals()), m_bus(ReachableBus()), m_pairing(PairingLimits(options)),
-      m_view(settings.json, options.wholePayloads) {
+    : m_options(options), m_signals(MavixTools::WatchEndingSignals(SFD_NONBLOCK)), m_bus(ReachableBus()),
+      m_pairing(PairingLimits(options)), m_view(settings.json, options.wholePayloads) {
     // Lines are written when there is nothing else to do, or many of them.
     std::setvbuf(stdout, nullptr, _IOFBF, outputBufferSize);
     m_BecomeMonitor();

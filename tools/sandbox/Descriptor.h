@@ -43,6 +43,10 @@ struct Pipe {
 // Both ends are closed on exec. Throws std::system_error.
 Pipe MakePipe();
 
+// Blocks the signals that ask a process to end and ignores a reader that has gone; what comes of the former
+// is read from the result. `flags` of signalfd, to which closing on exec is added. Throws std::system_error.
+TCDescriptor WatchEndingSignals(int flags = 0);
+
 } // namespace MavixTools
 
 #endif

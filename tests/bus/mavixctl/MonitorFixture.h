@@ -28,14 +28,6 @@ protected:
         return result.Objects();
     }
 
-    static RawCall TestCall(MavixSim::Behaviour behaviour, const Bytes& payload = {}) {
-        RawCall call;
-        call.interface = MavixSim::testInterface;
-        call.header = Header(static_cast<int>(behaviour));
-        call.payload = payload;
-        return call;
-    }
-
     TCRawClient m_client{m_bus.Address()};
 };
 

@@ -70,6 +70,14 @@ std::uint32_t Header(int code, unsigned flags) {
     return flags << 16 | static_cast<std::uint32_t>(code);
 }
 
+RawCall TestCall(MavixSim::Behaviour behaviour, const Bytes& payload) {
+    RawCall call;
+    call.interface = MavixSim::testInterface;
+    call.header = Header(static_cast<int>(behaviour));
+    call.payload = payload;
+    return call;
+}
+
 Bytes AuxRecord(std::uint32_t tag, const Bytes& value) {
     Bytes record;
     AppendRaw(record, tag);

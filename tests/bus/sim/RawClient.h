@@ -1,6 +1,7 @@
 #ifndef MAVIX_TEST_RAW_CLIENT_H
 #define MAVIX_TEST_RAW_CLIENT_H
 
+#include "sim/Behaviours.h"
 #include "sim/Handles.h"
 
 #include <chrono>
@@ -42,6 +43,8 @@ struct RawCall {
 };
 
 std::uint32_t Header(int code, unsigned flags = 0);
+// A call of the test interface.
+RawCall TestCall(MavixSim::Behaviour behaviour, const Bytes& payload = {});
 
 // A record of an auxiliary block.
 Bytes AuxRecord(std::uint32_t tag, const Bytes& value);

@@ -14,15 +14,6 @@ class TCSimFixture : public testing::Test {
 protected:
     explicit TCSimFixture(const std::vector<std::string>& simOptions = {}) : m_sim(m_bus, simOptions, true) {}
 
-    // A call of the test interface.
-    static RawCall TestCall(MavixSim::Behaviour behaviour, const Bytes& payload = {}) {
-        RawCall call;
-        call.interface = MavixSim::testInterface;
-        call.header = Header(static_cast<int>(behaviour));
-        call.payload = payload;
-        return call;
-    }
-
     TCPrivateBus m_bus;
     TCSimProcess m_sim;
     TCSimDriver m_driver{m_bus};
