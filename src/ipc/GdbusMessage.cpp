@@ -58,17 +58,35 @@ GDBusMessageType GioType(TIIpcMessage::IpcMessageType type) {
 
 // Whether values of a type all have one size, so that an array of them is one run of bytes.
 bool IsFixedSize(const GVariantType* type) {
-    if (g_variant_type_is_tuple(type) != FALSE || g_variant_type_is_dict_entry(type) != FALSE) {
-        for (const GVariantType* item = g_variant_type_first(type); item != nullptr;
-             item = g_variant_type_next(item)) {
-            if (!IsFixedSize(item)) {
-                return false;
-            }
-        }
-        return true;
+    const char first = *g_variant_type_peek_string(type);
+    if (first != '(' && first != '{') {
+        return std::strchr("ybnqiuxthd", first) != nullptr;
     }
-    return g_variant_type_is_basic(type) != FALSE &&
-           std::strchr("sog", *g_variant_type_peek_string(type)) == nullptr;
+    for (const GVariantType* item = g_variant_type_first(type); item != nullptr;
+         item = g_variant_type_next(item)) {
+        if (!IsFixedSize(item)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void SetName(GDBusMessage* message, GDBusMessageHeaderField field, const char* name) {
+    if (name != nullptr) {
+        g_dbus_message_set_header(message, field, g_variant_new_string(name));
+    }
+}
+
+// Names that were looked at already: GIO's own constructors look at each of them twice more.
+ObjectHandle<GDBusMessage> NewMessage(GDBusMessageType type, const char* destination, const char* path,
+                                      const char* interface, const char* member) {
+    ObjectHandle<GDBusMessage> message(g_dbus_message_new());
+    g_dbus_message_set_message_type(message.get(), type);
+    SetName(message.get(), G_DBUS_MESSAGE_HEADER_FIELD_DESTINATION, destination);
+    g_dbus_message_set_path(message.get(), path);
+    SetName(message.get(), G_DBUS_MESSAGE_HEADER_FIELD_MEMBER, member);
+    SetName(message.get(), G_DBUS_MESSAGE_HEADER_FIELD_INTERFACE, interface);
+    return message;
 }
 
 void FreeBytes(void* bytes) {
@@ -88,14 +106,9 @@ bool TCGdbusMessage::Initialize(IpcMessageType type, const char* destination, co
                                 const char* interface, const char* member) {
     m_Cleanup();
     const bool valid = IsNullOr(g_dbus_is_name, destination) && IsValid(g_variant_is_object_path, path) &&
-                       IsValid(IsMemberName, member);
-    if (type == Signal && valid && IsValid(g_dbus_is_interface_name, interface)) {
-        m_rawMessage.reset(g_dbus_message_new_signal(path, interface, member));
-        if (destination != nullptr) {
-            g_dbus_message_set_destination(m_rawMessage.get(), destination);
-        }
-    } else if (type == MethodCall && valid && IsNullOr(g_dbus_is_interface_name, interface)) {
-        m_rawMessage.reset(g_dbus_message_new_method_call(destination, path, interface, member));
+                       IsValid(IsMemberName, member) && IsNullOr(g_dbus_is_interface_name, interface);
+    if (valid && (type == MethodCall || (type == Signal && interface != nullptr))) {
+        m_rawMessage = NewMessage(GioType(type), destination, path, interface, member);
     }
     if (!m_rawMessage) {
         MAVIX_LOGE("No message initialized");
@@ -317,12 +330,12 @@ bool TCGdbusMessage::PushEnd() {
     if (!m_SetupIterator(None)) {
         return false;
     }
-    const VariantHandle body = SinkVariant(g_variant_builder_end(&m_bodyBuilder));
     if (g_dbus_message_get_locked(m_rawMessage.get()) != FALSE) {
         MAVIX_LOGE("Message is locked");
+        g_variant_builder_clear(&m_bodyBuilder);
         return false;
     }
-    g_dbus_message_set_body(m_rawMessage.get(), body.get());
+    g_dbus_message_set_body(m_rawMessage.get(), g_variant_builder_end(&m_bodyBuilder));
     return true;
 }
 
@@ -405,7 +418,8 @@ VariantHandle TCGdbusMessage::m_PopChild(const GVariantType* type, const char* f
         return nullptr;
     }
     VariantHandle child(g_variant_get_child_value(m_body, m_childIndex));
-    if (g_variant_is_of_type(child.get(), type) == FALSE) {
+    // A class is named by the letter with which its types begin.
+    if (static_cast<char>(g_variant_classify(child.get())) != *g_variant_type_peek_string(type)) {
         MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, function, "%s", typeError);
         return nullptr;
     }
@@ -414,11 +428,11 @@ VariantHandle TCGdbusMessage::m_PopChild(const GVariantType* type, const char* f
 
 // Adopts a floating child whether it can be appended or not.
 bool TCGdbusMessage::m_PushChild(GVariant* child) {
-    const VariantHandle owned = SinkVariant(child);
     if (!m_SetupIterator(Writing)) {
+        const VariantHandle unused = SinkVariant(child);
         return false;
     }
-    g_variant_builder_add_value(&m_bodyBuilder, owned.get());
+    g_variant_builder_add_value(&m_bodyBuilder, child);
     return true;
 }
 
