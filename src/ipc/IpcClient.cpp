@@ -202,13 +202,11 @@ bool TCIpcClient::Call(const std::string& interfaceName, short functionCode, TCM
         MAVIX_LOGE("[API_LITE] new message failed.");
         return false;
     }
-    if (!m_PrepareCall(interfaceName, functionCode, input, aux, 0, *message)) {
+    std::string busName;
+    if (!m_PrepareCall(interfaceName, functionCode, input, aux, 0, *message, busName)) {
         MAVIX_LOGE("[API_LITE] m_PrepareCall failed.");
         return false;
     }
-    // The reply replaces the message, and with it the name of the bus.
-    const char* destination = message->GetDestination();
-    const std::string busName = destination != nullptr ? destination : "";
     bool sent = false;
     {
         const TCPriorityInheritanceWrapper inheritance(
@@ -336,11 +334,18 @@ bool TCIpcClient::WaitForCreateInterface(const char* interfaceName) {
 
 bool TCIpcClient::m_PrepareCall(const std::string& interfaceName, short functionCode, TCMessageBuffer& input,
                                 IpcAuxData& aux, unsigned short flags, TIIpcMessage& message) {
+    std::string busName;
+    return m_PrepareCall(interfaceName, functionCode, input, aux, flags, message, busName);
+}
+
+bool TCIpcClient::m_PrepareCall(const std::string& interfaceName, short functionCode, TCMessageBuffer& input,
+                                IpcAuxData& aux, unsigned short flags, TIIpcMessage& message,
+                                std::string& busName) {
     MAVIX_LOGI("[IPC][CALL] %d %d %s", functionCode, flags, interfaceName.c_str());
     if (m_configuration->StartCallTimestamp(interfaceName, functionCode)) {
         aux.SetTimestamp(IPC_AUX_TIMESTAMP_SENT, NowMs());
     }
-    const std::string busName = m_configuration->MethodBusName(interfaceName, functionCode);
+    busName = m_configuration->MethodBusName(interfaceName, functionCode);
     bool helloSent = false;
     if (!m_WaitForCreateBus(busName, &helloSent)) {
         MAVIX_LOGE("[API_LITE] Bus not owned");

@@ -78,6 +78,9 @@ private:
 
     bool m_PrepareCall(const std::string& interfaceName, short functionCode, TCMessageBuffer& input,
                        IpcAuxData& aux, unsigned short flags, TIIpcMessage& message);
+    // Gives the destination, too, which is gone when the reply has replaced the message.
+    bool m_PrepareCall(const std::string& interfaceName, short functionCode, TCMessageBuffer& input,
+                       IpcAuxData& aux, unsigned short flags, TIIpcMessage& message, std::string& busName);
     bool m_WaitForCreateBus(const std::string& busName, bool* helloSent);
     bool m_IsMAVIXSupported();
     bool m_ReadReply(TIIpcMessage& reply, TCMessageBuffer& output, const CallTimes& times);

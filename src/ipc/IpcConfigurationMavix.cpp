@@ -2,9 +2,12 @@
 
 #include "MavixAssert.h"
 
+#include <string_view>
 #include <utility>
 
 namespace MavixApiLite {
+
+using namespace std::string_view_literals;
 
 // Never destroyed: the library's threads may still name the interface while the process exits.
 const std::string& MavixLiteInterfaceName = *new std::string("com.norvale.ISessionControl");
@@ -47,10 +50,12 @@ std::list<std::string> IpcConfigurationMavix::InterfaceBusNameList(const std::st
 }
 
 bool IpcConfigurationMavix::StartCallTimestamp(const std::string& interfaceName, short functionCode) const {
-    if (interfaceName == "com.norvale.IAVControl") {
+    // Their sizes are compared first, which is enough for most.
+    const std::string_view name = interfaceName;
+    if (name == "com.norvale.IAVControl"sv) {
         return functionCode == 66 || functionCode == 73;
     }
-    if (interfaceName == "com.norvale.IVideoControl") {
+    if (name == "com.norvale.IVideoControl"sv) {
         return functionCode == 46 || functionCode == 60 || functionCode == 81;
     }
     return false;
