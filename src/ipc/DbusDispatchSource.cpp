@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <utility>
 
 namespace MavixApiLite {
 
@@ -52,6 +53,8 @@ bool TCDbusDispatchSource::Attach(DBusConnection* connection, GMainContext* cont
     static GSourceFuncs functions = {m_Prepare, m_Check, m_Dispatch, m_Finalize, nullptr, nullptr};
     SourceHandle source(g_source_new(&functions, sizeof(Record)));
     g_source_set_static_name(source.get(), "mavix-libdbus");
+    // Otherwise GLib takes the descriptors out of the poll for every dispatch, and wakes the poll for each.
+    g_source_set_can_recurse(source.get(), TRUE);
     auto* self = new TCDbusDispatchSource(source.get());
     reinterpret_cast<Record*>(source.get())->self = self;
     dbus_connection_setup_with_g_main(connection, self->m_inner.get());
@@ -157,12 +160,13 @@ gboolean TCDbusDispatchSource::m_Dispatch(GSource* source, GSourceFunc /*callbac
     if (self.m_detached) {
         return G_SOURCE_REMOVE;
     }
-    self.m_dispatchingThread = std::this_thread::get_id();
+    // A handler may iterate the context: then the outer dispatch goes on after this one.
+    const std::thread::id outer = std::exchange(self.m_dispatchingThread, std::this_thread::get_id());
     {
         const TCAcquired acquired(self.m_inner.get());
         g_main_context_dispatch(self.m_inner.get());
     }
-    self.m_dispatchingThread = std::thread::id();
+    self.m_dispatchingThread = outer;
     self.m_dispatched.notify_all();
     return G_SOURCE_CONTINUE;
 }
