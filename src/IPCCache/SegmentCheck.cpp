@@ -2,6 +2,7 @@
 
 #include "SegmentView.h"
 
+#include <array>
 #include <vector>
 
 namespace MavixApiLite {
@@ -14,7 +15,9 @@ namespace Layout = SegmentLayout;
 class TCSegmentWalk final {
 public:
     TCSegmentWalk(const void* page, std::size_t size)
-        : m_view(page, size), m_size(size), m_marks(size / Layout::alignment, Mark::None) {}
+        : m_view(page, size), m_size(size),
+          m_largeMarks(size > smallPage ? size / Layout::alignment : 0, Mark::None),
+          m_marks(size > smallPage ? m_largeMarks.data() : m_smallMarks.data()) {}
 
     bool IsSound() {
         return m_view.HasHeader() && m_AreBlocksSound() &&
@@ -25,6 +28,9 @@ public:
 
 private:
     enum class Mark : unsigned char { None, Free, Allocated, Seen };
+
+    // The page that all caches have: no memory is allocated for it.
+    static constexpr std::size_t smallPage = 4096;
 
     // A subtree that has been walked: the number of black nodes on each way down. -1: it is not sound.
     static constexpr int unsound = -1;
@@ -164,7 +170,9 @@ private:
 
     TCSegmentView m_view;
     std::size_t m_size;
-    std::vector<Mark> m_marks; // by the number of a block's first unit
+    std::array<Mark, smallPage / Layout::alignment> m_smallMarks{};
+    std::vector<Mark> m_largeMarks;
+    Mark* m_marks; // by the number of a block's first unit
     std::size_t m_freeBlocks = 0;
     std::size_t m_allocatedBlocks = 0;
 
