@@ -8,6 +8,7 @@
 #include "Log.h"
 #include "MavixAssert.h"
 #include "MessageFilterContext.h"
+#include "SpareDescriptor.h"
 
 #include <stdexcept>
 #include <utility>
@@ -26,6 +27,18 @@ std::string TextOf(const char* text) {
         throw std::logic_error("TCGdbusConnection: null match rule");
     }
     return text;
+}
+
+// Whether an operation failed; if so its error is logged. The holder copies the operation's name, so it is
+// made only then.
+bool HasFailed(const char* operation, GError* rawError) {
+    if (rawError == nullptr) {
+        return false;
+    }
+    ErrorHandle owned(rawError);
+    TCGdbusError error(operation);
+    *error.GetRawError() = owned.release();
+    return error.CheckErrorAndReset();
 }
 
 } // namespace
@@ -61,10 +74,10 @@ bool TCGdbusConnection::Send(TIIpcMessage& message) {
     if (raw == nullptr || g_dbus_message_get_locked(raw) != FALSE) {
         return false;
     }
-    TCGdbusError error("send_message");
-    const gboolean accepted = g_dbus_connection_send_message(
-        m_connection.get(), raw, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, error.GetRawError());
-    return !error.CheckErrorAndReset() && accepted != FALSE;
+    GError* error = nullptr;
+    const gboolean accepted = g_dbus_connection_send_message(m_connection.get(), raw,
+                                                             G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, &error);
+    return !HasFailed("send_message", error) && accepted != FALSE;
 }
 
 bool TCGdbusConnection::SendWithReply(TIIpcMessage& message, int timeoutMs) {
@@ -77,11 +90,15 @@ bool TCGdbusConnection::SendWithReply(TIIpcMessage& message, int timeoutMs) {
     if (raw == nullptr || g_dbus_message_get_locked(raw) != FALSE) {
         return false;
     }
-    TCGdbusError error("send_message_with_reply");
+    const TCDescriptorLender lender;
+    if (!lender.HasLent()) {
+        MAVIX_LOGE("[API_LITE] no file descriptor left for a call!");
+        return false;
+    }
+    GError* error = nullptr;
     ObjectHandle<GDBusMessage> reply(g_dbus_connection_send_message_with_reply_sync(
-        m_connection.get(), raw, G_DBUS_SEND_MESSAGE_FLAGS_NONE, timeoutMs, nullptr, nullptr,
-        error.GetRawError()));
-    if (error.CheckErrorAndReset()) {
+        m_connection.get(), raw, G_DBUS_SEND_MESSAGE_FLAGS_NONE, timeoutMs, nullptr, nullptr, &error));
+    if (HasFailed("send_message_with_reply", error)) {
         return false;
     }
     const bool replied = reply != nullptr;
@@ -199,15 +216,20 @@ void TCGdbusConnection::t_CleanupConnection() {
         g_dbus_connection_remove_filter(m_connection.get(), m_filterId);
         m_owner = nullptr;
     }
-    FlushBeforeClose(m_connection.get());
-    TCGdbusError error("t_CleanupConnection");
-    g_dbus_connection_close_sync(m_connection.get(), nullptr, error.GetRawError());
+    if (const TCDescriptorLender lender; lender.HasLent()) {
+        FlushBeforeClose(m_connection.get());
+        TCGdbusError error("t_CleanupConnection");
+        g_dbus_connection_close_sync(m_connection.get(), nullptr, error.GetRawError());
+    } else {
+        MAVIX_LOGE("[API_LITE] no file descriptor left to flush and close!");
+    }
     m_connection.reset();
     m_connected = false;
 }
 
 void TCGdbusConnection::Flush() {
-    if (m_connected) {
+    const TCDescriptorLender lender;
+    if (m_connected && lender.HasLent()) {
         FlushBeforeExit(m_connection.get());
     }
 }
@@ -226,6 +248,10 @@ void TCGdbusConnection::m_RunConnect(const std::string& name, TIIpcConnectionOwn
 bool TCGdbusConnection::m_Connect(const std::string& name, TIIpcConnectionOwner* owner) {
     constexpr int busReadyTimeoutMs = 10000;
     MAVIX_LOGD("[API_LITE][START] %s, m_Connect", name.c_str());
+    if (!CanConnectWithDescriptors()) {
+        MAVIX_LOGE("[API_LITE] too few file descriptors left to connect!");
+        return false;
+    }
     if (LwipcWaitEvent("/tmp/dbus_launch", busReadyTimeoutMs) < 0) {
         MAVIX_LOGE("dbus not ready!");
         return false;

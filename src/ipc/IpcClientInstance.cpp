@@ -4,6 +4,7 @@
 #include "IpcClient.h"
 #include "IpcConfigurationMavix.h"
 #include "Log.h"
+#include "SpareDescriptor.h"
 
 #include <atomic>
 #include <cstdlib>
@@ -97,7 +98,7 @@ void RegisterHandlers(TCRegistry& registry) {
     }
 }
 
-// Empty when the process has begun to exit.
+// Empty when the process has begun to exit, or has too few descriptors left for a new client.
 std::shared_ptr<TCIpcClient> CopyOrCreate(TCRegistry& registry) {
     RegisterHandlers(registry);
     const TCReaderMark mark(registry);
@@ -112,10 +113,21 @@ std::shared_ptr<TCIpcClient> CopyOrCreate(TCRegistry& registry) {
         return nullptr;
     }
     if (!registry.instanceInitialized) {
+        // The first use of the default context would stop the process; a later call may find enough.
+        if (!CanConnectWithDescriptors()) {
+            return nullptr;
+        }
         CreateClient(registry);
         registry.instanceInitialized.exchange(true);
     }
     return registry.instance;
+}
+
+const char* WhyNone(const TCRegistry& registry) {
+    if (registry.forkedChild) {
+        return "this process was forked after the client was created";
+    }
+    return registry.exiting ? "the process is exiting" : "too few file descriptors are left";
 }
 
 } // namespace
@@ -126,9 +138,7 @@ std::shared_ptr<TIIpcClient> TCIpcClientInstance::GetInstance() {
     // comes near the counter again, so that the exit handler is not kept waiting.
     std::shared_ptr<TCIpcClient> instance = IsGone() ? nullptr : CopyOrCreate(registry);
     if (!instance) {
-        MAVIX_LOGE("[API_LITE] no client: %s", registry.forkedChild
-                                                   ? "this process was forked after the client was created"
-                                                   : "the process is exiting");
+        MAVIX_LOGE("[API_LITE] no client: %s", WhyNone(registry));
     }
     return instance;
 }

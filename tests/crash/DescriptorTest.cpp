@@ -1,0 +1,191 @@
+#include "ChildProgram.h"
+#include "IPCConnection_C.h"
+#include "PrivateBus.h"
+#include "SimProcess.h"
+#include "TestScale.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fcntl.h>
+#include <string>
+#include <sys/resource.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+// Processes that run out of file descriptors: GLib stops a process that has none left for a main context.
+
+using namespace MavixTest;
+
+namespace {
+
+constexpr const char* interfaceName = "com.norvale.ISimTest";
+constexpr short echo = 0;
+constexpr int errorPriority = 6;
+constexpr rlim_t roomForFillers = 400;
+
+bool CallOnce() {
+    void* output = nullptr;
+    unsigned int length = 0;
+    const bool answered =
+        IPCConnection__Call(interfaceName, echo, "sync", 4, &output, &length) && length == 4;
+    IPCConnection__CallDisposeOutputBuffer(output);
+    return answered;
+}
+
+int CallsAnswered(int count) {
+    int answered = 0;
+    for (int at = 0; at < count; ++at) {
+        answered += CallOnce() ? 1 : 0;
+    }
+    return answered;
+}
+
+int CallsOfThreadsAnswered(int threadCount, int count) {
+    std::atomic<int> answered{0};
+    std::vector<std::thread> threads;
+    for (int at = 0; at < threadCount; ++at) {
+        threads.emplace_back([&answered, count] { answered += CallsAnswered(count); });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    return answered;
+}
+
+// Takes all descriptors of this process but some.
+class TCFillers final {
+public:
+    explicit TCFillers(int left) {
+        rlimit limit = {};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = std::min(limit.rlim_cur, roomForFillers);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        for (int filler = dup(STDIN_FILENO); filler >= 0; filler = dup(STDIN_FILENO)) {
+            m_fillers.push_back(filler);
+        }
+        for (int at = 0; at < left; ++at) {
+            close(m_fillers.back());
+            m_fillers.pop_back();
+        }
+    }
+    ~TCFillers() {
+        for (const int filler : m_fillers) {
+            close(filler);
+        }
+    }
+    TCFillers(const TCFillers&) = delete;
+    TCFillers& operator=(const TCFillers&) = delete;
+
+private:
+    std::vector<int> m_fillers;
+};
+
+class Descriptors : public testing::Test {
+protected:
+    const TCPrivateBus m_bus;
+    const TCSimProcess m_service{m_bus};
+};
+
+} // namespace
+
+// Argument: how many descriptors are left once the client is connected.
+MAVIX_CHILD(CallWithFewDescriptors) {
+    constexpr int calls = 10;
+    constexpr int threads = 12;
+    if (!CallOnce()) {
+        return 1;
+    }
+    int ofOneThread = 0;
+    int ofThreads = 0;
+    {
+        const TCFillers fillers(std::stoi(arguments.at(0)));
+        ofOneThread = CallsAnswered(calls);
+        ofThreads = CallsOfThreadsAnswered(threads, calls);
+    }
+    std::printf("%d %d\n", ofOneThread, ofThreads);
+    return ofOneThread == calls && ofThreads == threads * calls && CallOnce() ? 0 : 2;
+}
+
+// Argument: how many threads call, more than descriptors are kept for.
+MAVIX_CHILD(CallFromManyThreadsWithoutDescriptors) {
+    const int threads = std::stoi(arguments.at(0));
+    if (!CallOnce()) {
+        return 1;
+    }
+    {
+        const TCFillers fillers(threads);
+        CallsOfThreadsAnswered(threads, 20);
+    }
+    return CallOnce() ? 0 : 2;
+}
+
+// Argument: how many descriptors are left before the client is made.
+MAVIX_CHILD(StartWithFewDescriptors) {
+    bool answered = false;
+    {
+        const TCFillers fillers(std::stoi(arguments.at(0)));
+        answered = CallOnce();
+    }
+    std::printf("%s\n", answered ? "answered" : "refused");
+    return answered || CallOnce() ? 0 : 2;
+}
+
+// Argument: how many descriptors are left when the process ends.
+MAVIX_CHILD(ExitWithFewDescriptors) {
+    if (!CallOnce()) {
+        return 1;
+    }
+    static const TCFillers* const fillers = new TCFillers(std::stoi(arguments.at(0)));
+    return fillers != nullptr ? 0 : 1;
+}
+
+TEST_F(Descriptors, ACallGetsItsAnswerHoweverFewDescriptorsAreLeft) {
+    for (int left = 0; left <= 24; ++left) {
+        const ChildResult result =
+            RunChildProgram("CallWithFewDescriptors", plainFlavour, {std::to_string(left)});
+        EXPECT_EQ(0, result.signal) << left << " left: " << result.errors;
+        EXPECT_EQ(0, result.exitCode) << left << " left: " << result.output << result.errors;
+    }
+}
+
+TEST_F(Descriptors, CallsOfManyThreadsFailAtWorstAndLaterOnesSucceed) {
+    for (const int threads : {17, 32, 64}) {
+        const ChildResult result =
+            RunChildProgram("CallFromManyThreadsWithoutDescriptors", plainFlavour, {std::to_string(threads)});
+        EXPECT_EQ(0, result.signal) << threads << " threads: " << result.errors;
+        EXPECT_EQ(0, result.exitCode) << threads << " threads: " << result.errors;
+    }
+}
+
+TEST_F(Descriptors, AClientThatCannotBeMadeIsRefusedAndALaterCallMakesIt) {
+    if (!CanChooseFlavour()) {
+        GTEST_SKIP() << noFlavourReason;
+    }
+    int refused = 0;
+    int answered = 0;
+    for (int left = 0; left <= 40; ++left) {
+        const ChildResult result =
+            RunChildProgram("StartWithFewDescriptors", releaseFlavour, {std::to_string(left)});
+        EXPECT_EQ(0, result.signal) << left << " left: " << result.errors;
+        EXPECT_EQ(0, result.exitCode) << left << " left: " << result.output << result.errors;
+        const bool isRefused = result.output == "refused\n";
+        (isRefused ? refused : answered) += 1;
+        EXPECT_EQ(isRefused,
+                  result.HasLine(errorPriority, "[API_LITE] no client: too few file descriptors are left"))
+            << left << " left: " << result.errors;
+    }
+    EXPECT_GT(refused, 0);
+    EXPECT_GT(answered, 0);
+}
+
+TEST_F(Descriptors, AProcessEndsByItselfHoweverFewDescriptorsAreLeft) {
+    for (int left = 0; left <= 8; ++left) {
+        const ChildResult result =
+            RunChildProgram("ExitWithFewDescriptors", plainFlavour, {std::to_string(left)});
+        EXPECT_EQ(0, result.signal) << left << " left: " << result.errors;
+        EXPECT_EQ(0, result.exitCode) << left << " left: " << result.errors;
+    }
+}
