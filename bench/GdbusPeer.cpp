@@ -18,7 +18,7 @@ void Check(GError* error, const char* what) {
     }
 }
 
-class TCGdbusPeer final : public TIPeer {
+class TCGdbusPeer : public TIPeer {
 public:
     void Call(const std::vector<char>& payload) override {
         const ObjectHandle<GDBusMessage> message = m_NewMessage(payload, 0);
@@ -45,6 +45,9 @@ public:
         Check(error, "send");
     }
 
+protected:
+    GDBusConnection* t_Connection() const { return m_connection.get(); }
+
 private:
     static ObjectHandle<GDBusMessage> m_NewMessage(const std::vector<char>& payload, int flags) {
         ObjectHandle<GDBusMessage> message(
@@ -64,6 +67,33 @@ private:
     const ObjectHandle<GDBusConnection> m_connection = ConnectGdbus();
 };
 
+void IgnoreSignal(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*path*/,
+                  const gchar* /*interface*/, const gchar* /*member*/, GVariant* /*arguments*/,
+                  gpointer /*data*/) {}
+
+class TCGdbusWatchingPeer final : public TCGdbusPeer {
+public:
+    TCGdbusWatchingPeer() {
+        GError* error = nullptr;
+        const VariantHandle answer(
+            g_dbus_connection_call_sync(t_Connection(), busDriver, "/org/freedesktop/DBus", busDriver,
+                                        "NameHasOwner", g_variant_new("(s)", calledBus),
+                                        G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error));
+        Check(error, "owner query");
+        gboolean hasOwner = FALSE;
+        g_variant_get(answer.get(), "(b)", &hasOwner);
+        if (hasOwner == FALSE) {
+            Fail("the service has no owner");
+        }
+        g_dbus_connection_signal_subscribe(t_Connection(), busDriver, busDriver, "NameOwnerChanged", nullptr,
+                                           calledBus, G_DBUS_SIGNAL_FLAGS_NONE, IgnoreSignal, nullptr,
+                                           nullptr);
+    }
+
+private:
+    static constexpr const char* busDriver = "org.freedesktop.DBus";
+};
+
 } // namespace
 
 ObjectHandle<GDBusConnection> ConnectGdbus() {
@@ -81,6 +111,10 @@ ObjectHandle<GDBusConnection> ConnectGdbus() {
 
 std::unique_ptr<TIPeer> CreateGdbus() {
     return std::make_unique<TCGdbusPeer>();
+}
+
+std::unique_ptr<TIPeer> CreateGdbusThatWatches() {
+    return std::make_unique<TCGdbusWatchingPeer>();
 }
 
 } // namespace MavixBench

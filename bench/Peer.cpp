@@ -11,25 +11,6 @@ void TIPeer::CallAsync(const std::vector<char>& /*payload*/) {
     Fail("this peer has no asynchronous call");
 }
 
-std::unique_ptr<TIPeer> CreatePeer(const std::string& name) {
-    if (name == "ours") {
-        return CreateOurs();
-    }
-    if (name == "ours-libdbus") {
-        return CreateOursOverLibdbus();
-    }
-    if (name == "gdbus") {
-        return CreateGdbus();
-    }
-    if (name == "libdbus") {
-        return CreateLibdbus();
-    }
-    if (name == "sdbus") {
-        return CreateSdbus();
-    }
-    Fail("no such peer: " + name);
-}
-
 void Fail(const std::string& what) {
     throw std::runtime_error(what);
 }

@@ -29,6 +29,8 @@ std::unique_ptr<TIPeer> CreatePeer(const std::string& name);
 std::unique_ptr<TIPeer> CreateOurs();
 std::unique_ptr<TIPeer> CreateOursOverLibdbus();
 std::unique_ptr<TIPeer> CreateGdbus();
+// Like ours, asks whether the service has an owner before it calls it, and watches for a change of the owner.
+std::unique_ptr<TIPeer> CreateGdbusThatWatches();
 std::unique_ptr<TIPeer> CreateLibdbus();
 std::unique_ptr<TIPeer> CreateSdbus();
 

@@ -65,7 +65,6 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::filesystem::path folder = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-    const std::string work = folder / "bench-work";
     const std::string load = folder / "bench-load";
     const auto add = [](const std::string& name, std::vector<std::string> words) {
         benchmark::RegisterBenchmark(name.c_str(), Run, std::move(words))
@@ -73,8 +72,10 @@ int main(int argc, char** argv) {
             ->UseRealTime()
             ->Unit(benchmark::kMillisecond);
     };
-    for (const char* peer : {"ours", "gdbus", "ours-libdbus", "libdbus", "sdbus"}) {
-        add(std::string("first-call/64/") + peer, {work, "call", peer, "64", "1"});
+    for (const char* peer : {"ours", "gdbus-watching", "gdbus", "libdbus", "sdbus"}) {
+        const std::string program = folder / (std::string("first-call-") + peer);
+        add(std::string("first-call/64/") + peer, {program});
+        add(std::string("call-and-close/64/") + peer, {program, "close"});
     }
     add("load/0/ours", {load, folder.parent_path() / "lib/libmavix-api.so.1"});
     add("load/0/gdbus", {load, "libgio-2.0.so.0"});
