@@ -13,8 +13,8 @@
 // A bounded piece of work in a fresh process, for what is measured from outside or only once:
 //     bench-work call PEER SIZE COUNT     calls the service
 //     bench-work read PEER SIZE COUNT     reads from a cache
-//     bench-work memory PEER SIZE         calls once and prints what it took, in KiB: "peak resident"
-//     bench-work idle PEER SECONDS        calls once and prints how often its threads woke up then
+//     bench-work memory PEER SIZE         calls once and prints KiB: peak, resident afterwards, resident
+//     before bench-work idle PEER SECONDS        calls once and prints how often its threads woke up then
 
 using namespace MavixBench;
 
@@ -62,11 +62,12 @@ void Read(const std::string& peerName, std::size_t size, long count) {
 void Memory(const std::string& peerName, std::size_t size) {
     const auto peer = CreatePeer(peerName);
     peer->Call(std::vector<char>(64));
+    const long before = StatusField("/proc/self/status", "VmRSS");
     peer->Call(std::vector<char>(size, 'x'));
     // What the bus library's worker still frees.
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    std::printf("%ld %ld\n", StatusField("/proc/self/status", "VmHWM"),
-                StatusField("/proc/self/status", "VmRSS"));
+    std::printf("%ld %ld %ld\n", StatusField("/proc/self/status", "VmHWM"),
+                StatusField("/proc/self/status", "VmRSS"), before);
 }
 
 void Idle(const std::string& peerName, long seconds) {
