@@ -46,6 +46,7 @@ int CallsAnswered(int count) {
 int CallsOfThreadsAnswered(int threadCount, int count) {
     std::atomic<int> answered{0};
     std::vector<std::thread> threads;
+    threads.reserve(static_cast<std::size_t>(threadCount));
     for (int at = 0; at < threadCount; ++at) {
         threads.emplace_back([&answered, count] { answered += CallsAnswered(count); });
     }
