@@ -35,10 +35,9 @@ struct ExpectationDraft {
     Range range;
 };
 
-// An action of the timeline has no caller.
 struct ActionDraft {
     Action action;
-    bool isAfterCall = false;
+    const Role* called = nullptr; // the process whose call it follows; null in the timeline
 };
 
 class TCReader;
@@ -349,6 +348,7 @@ private:
     Rule m_ReadRule(const Node& node, const std::string& interface) {
         RuleDraft draft;
         draft.rule.calls.interface = interface;
+        m_called = FindRole(interface == sessionInterface ? "lite" : "daemon");
         m_ReadObject(node, RuleTable(), draft);
         const Node* sequence = node.Find("sequence");
         const std::set<std::string> ofRule{"code", "when", "comment", "sequence"};
@@ -402,8 +402,10 @@ private:
     void m_ReadTimes(const Node& node, Step& step) {
         step.times = static_cast<std::uint32_t>(m_Integer(node, 1, largestCount));
     }
-    void m_ReadThen(const Node& node, Step& step) { step.then = m_Actions(node, true); }
-    void m_ReadTimeline(const Node& node, Scenario& scenario) { scenario.timeline = m_Actions(node, false); }
+    void m_ReadThen(const Node& node, Step& step) { step.then = m_Actions(node, m_called); }
+    void m_ReadTimeline(const Node& node, Scenario& scenario) {
+        scenario.timeline = m_Actions(node, nullptr);
+    }
 
     void m_FinishStep(const Node& node, Step& step) {
         m_ReadFault(&node, inStep, step.fault);
@@ -486,17 +488,33 @@ private:
         condition.largestSize = static_cast<std::size_t>(m_Integer(node, 0, largestSize));
     }
 
-    std::vector<Action> m_Actions(const Node& node, bool isAfterCall) {
+    std::vector<Action> m_Actions(const Node& node, const Role* called) {
         m_Expect(node, Kind::Array);
         std::vector<Action> actions;
         for (const auto& child : node.children) {
             ActionDraft draft;
-            draft.isAfterCall = isAfterCall;
+            draft.called = called;
             m_ReadObject(*child, ActionTable(), draft);
             m_FinishAction(*child, draft.action);
+            if (called != nullptr && !draft.action.event)
+                m_BindToCalled(*child, *called, draft.action.fault);
             actions.push_back(std::move(draft.action));
         }
         return actions;
+    }
+    // After a call it is the called process that fails: the other one knows nothing of the call.
+    void m_BindToCalled(const Node& node, const Role& called, FaultUse& use) {
+        const Node* with = node.Find("with");
+        for (auto& [name, text] : use.texts) {
+            const Node* given = with == nullptr ? nullptr : with->Find(name);
+            const std::vector<std::string> own =
+                name == "process" ? std::vector<std::string>{called.option} : called.busNames;
+            if (given == nullptr)
+                text = own.front();
+            else if (std::find(own.begin(), own.end(), text) == own.end())
+                m_tree.Fail(*given, Quoted(text) + " is not of the process that was called, " +
+                                        Quoted(called.option));
+        }
     }
     void m_FinishAction(const Node& node, Action& action) {
         const bool hasEvent = action.event.has_value();
@@ -546,7 +564,7 @@ private:
     void m_ReadPayload(const Node& node, ActionDraft& draft) { draft.action.event->payload = m_Values(node); }
     void m_ReadTo(const Node& node, ActionDraft& draft) {
         draft.action.toCaller = m_Choice(node, {"all", "caller"}) == "caller";
-        if (draft.action.toCaller && !draft.isAfterCall)
+        if (draft.action.toCaller && draft.called == nullptr)
             m_tree.Fail(node, "the timeline has no caller");
     }
 
@@ -626,6 +644,7 @@ private:
     }
 
     const TCJsonTree& m_tree;
+    const Role* m_called = nullptr; // by the calls of the rule that is read
 };
 
 template <class Target>

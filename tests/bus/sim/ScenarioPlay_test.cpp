@@ -246,6 +246,15 @@ TEST_F(ScenarioPlay, NamesComeAndGoByName) {
     }
 }
 
+TEST_F(ScenarioPlay, AFaultAfterACallIsOfTheProcessThatWasCalled) {
+    Play(R"({"format":1,"interfaces":{"com.norvale.ISessionControl":[
+        {"code":0,"then":[{"fault":"drop-name","with":{"milliseconds":300}}]}]}})");
+    EXPECT_EQ(IntBytes(0), Answer(0, {}, sessionControl));
+    EXPECT_TRUE(Await([&] { return Call(5, {}, sessionControl).IsError(); }));
+    EXPECT_EQ(Bytes{7}, Answer(1, {7})) << "of the other process";
+    EXPECT_TRUE(Await([&] { return !Call(5, {}, sessionControl).IsError(); }));
+}
+
 TEST_F(ScenarioPlay, TheServiceStartsLateOrNever) {
     Play(R"({"format":1,"start":{"fault":"slow-start","with":{"milliseconds":400,"process":"lite"}}})");
     EXPECT_EQ(Bytes{1}, Answer(1, {1}));

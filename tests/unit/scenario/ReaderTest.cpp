@@ -172,6 +172,15 @@ std::vector<BadRow> BadRows() {
          "file:1:66: " + rule + ".when: unknown member 'payload'"},
         {WithRule(R"({"code":1,"then":[{}]})"),
          "file:1:66: " + rule + ".then[0]: expected an 'event', a 'fault' or both"},
+        {WithRule(R"({"code":1,"then":[{"fault":"hang","with":{"process":"lite"}}]})"),
+         "file:1:100: " + rule +
+             ".then[0].with.process: 'lite' is not of the process that was called, 'daemon'",
+         true},
+        {R"({"format":1,"interfaces":{"com.norvale.ISessionControl":[)"
+         R"({"code":0,"then":[{"fault":"drop-name","with":{"busName":"com.norvale.MavixAPI"}}]}]}})",
+         R"(file:1:115: $.interfaces["com.norvale.ISessionControl"][0].then[0].with.busName: )"
+         "'com.norvale.MavixAPI' is not of the process that was called, 'lite'",
+         true},
         {WithAction("{}"), "file:1:25: $.timeline[0]: expected an 'event', a 'fault' or both"},
         {WithAction(R"({"fault":"restart","count":2})"), "file:1:44: $.timeline[0]: 'count' is for 'every'"},
         {WithAction(R"({"fault":"restart","every":0})"),
@@ -443,6 +452,23 @@ TEST(ScenarioReader, ReadsEveryMember) {
     EXPECT_TRUE(scenario.nothingElse);
 }
 
+TEST(ScenarioReader, TakesTheCalledProcessForAFaultAfterACall) {
+    const struct {
+        const char* interface;
+        const char* process;
+        const char* busName;
+    } rows[] = {{"com.norvale.ITest", "daemon", "com.norvale.MavixAPI"},
+                {"*", "daemon", "com.norvale.MavixAPI"},
+                {sessionInterface, "lite", sessionInterface}};
+    for (const auto& row : rows) {
+        const Scenario scenario = Read(R"({"format":1,"interfaces":{")" + std::string(row.interface) +
+                                       R"(":[{"code":1,"then":[{"fault":"restart"},{"fault":"owner-flap"}]}]}})");
+        const std::vector<Action>& then = scenario.rules.at(0).steps.at(0).then;
+        EXPECT_EQ(row.process, then.at(0).fault.texts.at("process")) << row.interface;
+        EXPECT_EQ(row.busName, then.at(1).fault.texts.at("busName")) << row.interface;
+    }
+}
+
 TEST(ScenarioPage, NamesEveryMemberFaultAndParameter) {
     const std::string page = FileText(MAVIX_TEST_SCENARIO_PAGE);
     for (const ScenarioObject& object : ScenarioObjects()) {
@@ -518,6 +544,7 @@ bool IsBeyondSchema(const std::string& complaint) {
     static const char* const texts[] = {
         "have to be of the same size", "is larger than",       "no expected call has the name",
         "a second expected call",      "is for the interface", "the timeline has no caller",
+        "is not of the process",
     };
     return std::any_of(std::begin(texts), std::end(texts),
                        [&complaint](const char* text) { return complaint.find(text) != std::string::npos; });
