@@ -130,8 +130,7 @@ Plan TCPlayer::m_PlanFor(const Step& step, const Call& call, std::uint64_t chanc
     plan.after = [this, &step, caller, busName] {
         for (const Action& action : step.then)
             m_DoAt(MonotonicMs() + action.afterMs, action, caller, 0, nullptr);
-        // Dropping the name is the behaviour's.
-        if (step.fault && !step.fault.Is(Fault::DropName) && !step.fault.Is(Fault::Hang))
+        if (step.fault && !step.fault.Is(Fault::Hang))
             m_Break(step.fault, busName);
     };
     return plan;

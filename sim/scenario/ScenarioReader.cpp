@@ -413,8 +413,8 @@ private:
             return;
         m_Behave(step);
         const Node* reply = node.Find("reply");
-        const bool answers = step.behaviour == Behaviour::Echo || step.behaviour == Behaviour::DropName ||
-                             step.behaviour == Behaviour::Aux || step.behaviour == Behaviour::WrongTypes;
+        const bool answers = step.behaviour == Behaviour::Echo || step.behaviour == Behaviour::Aux ||
+                             step.behaviour == Behaviour::WrongTypes;
         if (reply != nullptr && (!answers || step.fault.Is(Fault::RefuseSession)))
             m_tree.FailAtName(*reply, "'reply' has no effect with " + Quoted(step.fault.row->name));
         if (step.fault.Is(Fault::RefuseSession))
@@ -454,10 +454,6 @@ private:
         case Fault::HugeReply:
             step.behaviour = Behaviour::BigReply;
             step.parameter = NumberBytes(fault.Number("bytes"));
-            break;
-        case Fault::DropName:
-            step.behaviour = Behaviour::DropName;
-            step.parameter = NumberBytes(fault.Number("milliseconds"));
             break;
         case Fault::CrashInCall:
             step.behaviour = Behaviour::Exit;

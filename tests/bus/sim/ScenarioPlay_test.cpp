@@ -255,6 +255,22 @@ TEST_F(ScenarioPlay, AFaultAfterACallIsOfTheProcessThatWasCalled) {
     EXPECT_TRUE(Await([&] { return !Call(5, {}, sessionControl).IsError(); }));
 }
 
+// The second of two calls finds the name dropped.
+TEST_F(ScenarioPlay, WhatFollowsACallIsDoneAlsoWhenItsFaultCannotBe) {
+    PlayRules(R"({"code":1,"fault":"drop-name","with":{"milliseconds":300},
+                  "then":[{"event":{"type":2,"id":1}}]},
+                 {"code":2,"fault":"hang","with":{"milliseconds":300}})");
+    SubscribeToEvents();
+    RawCall call;
+    call.noReply = true;
+    for (const int code : {2, 1, 1}) {
+        call.header = Header(code, 1);
+        m_client.Send(call);
+    }
+    EXPECT_TRUE(m_client.NextEvent());
+    EXPECT_TRUE(m_client.NextEvent());
+}
+
 TEST_F(ScenarioPlay, TheServiceStartsLateOrNever) {
     Play(R"({"format":1,"start":{"fault":"slow-start","with":{"milliseconds":400,"process":"lite"}}})");
     EXPECT_EQ(Bytes{1}, Answer(1, {1}));
