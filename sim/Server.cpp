@@ -112,6 +112,7 @@ void TCServer::TakeNames(bool isFirstTime) {
 
 int TCServer::Run() {
     const int exitCode = sd_event_loop(m_event.get());
+    m_hasEnded = true;
     if ((m_player || m_replay) && m_wasAskedToEnd)
         m_ServeTheRest();
     return exitCode;
@@ -163,6 +164,9 @@ void TCServer::m_HandleCall(sd_bus_message* message) {
     ++m_calls;
     if (m_player)
         m_player->Count(call, reason);
+    // Nothing is played any more, a process that hangs least of all.
+    if (m_player && m_hasEnded)
+        return;
     if (m_replay)
         m_replay->Respond(message, call, reason);
     else if (reason.empty())

@@ -33,6 +33,7 @@ private:
     const Role& m_role;
     const bool m_keepRecords;
     bool m_wasAskedToEnd = false;
+    bool m_hasEnded = false;
     std::uint64_t m_calls = 0;
     EventHandle m_event;
     BusHandle m_bus;

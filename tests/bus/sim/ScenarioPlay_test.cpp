@@ -430,6 +430,19 @@ TEST_F(ScenarioPlay, CallsOfAClientThatHasLeftAreCountedAtTheEnd) {
     EXPECT_EQ("", EndAndReport());
 }
 
+TEST_F(ScenarioPlay, CallsBehindAHangThatLastsAreCountedAtTheEnd) {
+    Play(R"({"format":1,"interfaces":{"com.norvale.ITest":[{"code":1,"fault":"hang"}]},"expect":{"calls":[
+        {"name":"a","interface":"com.norvale.ITest","code":1,"exactly":3},
+        {"name":"b","interface":"com.norvale.ITest","code":2,"exactly":1}],"order":["a","b"]}})");
+    RawCall call;
+    call.noReply = true;
+    for (const int code : {1, 1, 1, 2}) {
+        call.header = Header(code, 1);
+        m_client.Send(call);
+    }
+    EXPECT_LT(TimeOf([&] { EXPECT_EQ("", EndAndReport()); }), milliseconds(1900));
+}
+
 } // namespace
 
 } // namespace MavixTest
