@@ -151,8 +151,11 @@ void TCServer::m_HandleCall(sd_bus_message* message) {
     Call call;
     std::string reason;
     try {
-        DecodeCall(
-            message, m_role, [this](const std::string& sender) { return m_pids.PidOf(sender); }, call);
+        // Whose process id it was is none of what makes a call a recorded one.
+        const auto pidOf = [this](const std::string& sender) {
+            return m_replay ? std::nullopt : m_pids.PidOf(sender);
+        };
+        DecodeCall(message, m_role, pidOf, call);
         if (call.interface == sessionInterface && !m_replay)
             CheckSessionCall(call);
     } catch (const Refusal& refusal) {

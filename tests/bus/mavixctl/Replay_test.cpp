@@ -263,6 +263,16 @@ TEST_F(ControlReplay, ACallThatWasNotAnsweredIsNotAnsweredAgain) {
     EXPECT_EQ(replaying.End(), 0);
 }
 
+TEST_F(ControlReplay, TheProcessIdOfACallDoesNotCount) {
+    WriteLines(CallLine(1000, 1, 0) + ReplyLine(1001, 1), 2);
+    RawCall call;
+    call.interface = "com.norvale.IAVControl";
+    call.pid = 1;
+    Replaying replaying(m_path);
+    EXPECT_EQ(replaying.client.Call(call).errorName, "");
+    EXPECT_EQ(replaying.End(), 0);
+}
+
 TEST_F(ControlReplay, CallsThatDeviateGetTheirRefusalAgain) {
     RawCall call;
     call.interface = "com.norvale.IAVControl";
