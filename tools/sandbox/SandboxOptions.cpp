@@ -61,10 +61,17 @@ const option longOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
+std::nullopt_t Refuse(const std::string& complaint, int& exitCode) {
+    std::fprintf(stderr, "mavix-sandbox: %s\n", complaint.c_str());
+    exitCode = sandboxFailed;
+    return std::nullopt;
+}
+
 } // namespace
 
 std::optional<SandboxOptions> ParseSandboxOptions(int argc, char** argv, int& exitCode) {
     SandboxOptions options;
+    bool hasReplaySpeed = false;
     exitCode = 0;
     // The plus sign ends the options at the first word that is none, so that COMMAND keeps its own.
     for (int choice = 0; (choice = ::getopt_long(argc, argv, "+", longOptions, nullptr)) != -1;) {
@@ -77,17 +84,20 @@ std::optional<SandboxOptions> ParseSandboxOptions(int argc, char** argv, int& ex
             break;
         case Replay:
             options.replay = optarg;
+            if (options.replay.empty())
+                return Refuse("--replay takes the name of a file, not ''", exitCode);
             break;
         case ReplaySpeed:
+            hasReplaySpeed = true;
             options.isReplayFast = std::strcmp(optarg, "fast") == 0;
-            if (!options.isReplayFast && std::strcmp(optarg, "recorded") != 0) {
-                std::fprintf(stderr, "mavix-sandbox: --replay-speed is recorded or fast, not '%s'\n", optarg);
-                exitCode = sandboxFailed;
-                return std::nullopt;
-            }
+            if (!options.isReplayFast && std::strcmp(optarg, "recorded") != 0)
+                return Refuse(std::string("--replay-speed is recorded or fast, not '") + optarg + "'",
+                              exitCode);
             break;
         case Scenario:
             options.scenario = optarg;
+            if (options.scenario.empty())
+                return Refuse("--scenario takes the name of a file, not ''", exitCode);
             break;
         case Shell:
             options.shell = true;
@@ -109,24 +119,24 @@ std::optional<SandboxOptions> ParseSandboxOptions(int argc, char** argv, int& ex
             return std::nullopt;
         }
     }
+    options.command.assign(argv + optind, argv + argc);
     const bool plays = !options.scenario.empty();
     const bool replays = !options.replay.empty();
-    if ((!options.startService && (plays || replays)) || (plays && replays)) {
-        std::fputs(plays && replays ? "mavix-sandbox: a scenario and a recording cannot be played at once\n"
-                   : plays          ? "mavix-sandbox: a scenario needs the stand-in service\n"
-                                    : "mavix-sandbox: a recording needs the stand-in service\n",
-                   stderr);
-        exitCode = sandboxFailed;
-        return std::nullopt;
-    }
-    options.command.assign(argv + optind, argv + argc);
-    if (options.command.empty() != options.shell) {
-        std::fputs(options.shell ? "mavix-sandbox: --shell takes no command; see --help\n"
-                                 : "mavix-sandbox: no command given; see --help\n",
-                   stderr);
-        exitCode = sandboxFailed;
-        return std::nullopt;
-    }
+    const struct {
+        bool holds;
+        const char* complaint;
+    } contradictions[] = {
+        {plays && replays, "a scenario and a recording cannot be played at once"},
+        {plays && !options.startService, "a scenario needs the stand-in service"},
+        {replays && !options.startService, "a recording needs the stand-in service"},
+        {hasReplaySpeed && !replays, "--replay-speed is for --replay"},
+        {!options.simOptions.empty() && !options.startService, "--sim-option needs the stand-in service"},
+        {options.shell && !options.command.empty(), "--shell takes no command; see --help"},
+        {!options.shell && options.command.empty(), "no command given; see --help"},
+    };
+    for (const auto& contradiction : contradictions)
+        if (contradiction.holds)
+            return Refuse(contradiction.complaint, exitCode);
     return options;
 }
 

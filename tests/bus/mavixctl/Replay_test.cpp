@@ -363,6 +363,8 @@ TEST_F(ControlReplay, NothingHalfPlays) {
         {{"--replay=" + m_path, "--scenario=x"}, "a scenario and a recording cannot be played at once\n"},
         {{"--replay=" + m_path, "--no-service"}, "a recording needs the stand-in service\n"},
         {{"--replay=" + m_path, "--replay-speed=slow"}, "--replay-speed is recorded or fast, not 'slow'\n"},
+        {{"--replay="}, "--replay takes the name of a file, not ''\n"},
+        {{"--replay-speed=fast"}, "--replay-speed is for --replay\n"},
     };
     for (const RefusedRow& row : rows) {
         const ControlResult result = RunControl({"--version"}, InSandbox(row.options));

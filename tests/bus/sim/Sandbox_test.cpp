@@ -54,6 +54,33 @@ TEST_F(Sandbox, ReturnsTheCommandsStatus) {
     EXPECT_TRUE(NothingIsLeft());
 }
 
+struct ComplaintRow {
+    Arguments options;
+    const char* complaint;
+};
+
+TEST_F(Sandbox, SaysWhatIsWrongWithItsOptions) {
+    for (const ComplaintRow& row : std::vector<ComplaintRow>{
+             {{"--scenario="}, "--scenario takes the name of a file, not ''"},
+             {{"--replay="}, "--replay takes the name of a file, not ''"},
+             {{"--replay-speed=slow"}, "--replay-speed is recorded or fast, not 'slow'"},
+             {{"--replay-speed=fast"}, "--replay-speed is for --replay"},
+             {{"--scenario=a", "--replay=b"}, "a scenario and a recording cannot be played at once"},
+             {{"--scenario=a", "--no-service"}, "a scenario needs the stand-in service"},
+             {{"--replay=a", "--no-service"}, "a recording needs the stand-in service"},
+             {{"--sim-option=--respawn", "--no-service"}, "--sim-option needs the stand-in service"},
+             {{"--shell"}, "--shell takes no command; see --help"},
+         }) {
+        Arguments arguments = row.options;
+        arguments.insert(arguments.end(), {"--", "touch", m_note});
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(Run(arguments), 125) << row.complaint;
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  std::string("mavix-sandbox: ") + row.complaint + "\n");
+        EXPECT_FALSE(std::filesystem::exists(m_note)) << row.complaint;
+    }
+}
+
 TEST_F(Sandbox, GivesTheCommandTheServiceOnABusOfItsOwn) {
     TCChildProcess sandbox = StartWaiting();
     EXPECT_EQ(ReadNote().rfind("unix:path=" + m_temporary.Path() + "/", 0), 0u) << ReadNote();
