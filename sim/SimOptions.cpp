@@ -68,12 +68,36 @@ const option longOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
+constexpr long largestNumber = 1000000;
+
 std::optional<int> ParseNumber(const char* text) {
     char* end = nullptr;
     const long value = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || value < 0 || value > 1000000)
+    if (end == text || *end != '\0' || value < 0 || value > largestNumber)
         return std::nullopt;
     return static_cast<int>(value);
+}
+
+// The name of an option that takes a value, and what it takes.
+std::string Expected(int choice) {
+    const auto named = [choice](const char* what) {
+        const option* found = longOptions;
+        while (found->val != choice)
+            ++found;
+        return std::string("--") + found->name + " takes " + what;
+    };
+    switch (choice) {
+    case Scenario:
+    case Replay:
+    case Report:
+        return named("the name of a file");
+    case ReplaySpeed:
+        return named("recorded or fast");
+    case Serve:
+        return named("daemon or lite");
+    default:
+        return named(("a whole number from 0 to " + std::to_string(largestNumber)).c_str());
+    }
 }
 
 // False for a value that the option cannot have.
@@ -131,7 +155,7 @@ std::optional<SimOptions> ParseSimOptions(int argc, char** argv, int& exitCode) 
         }
         if (!Apply(choice, optarg, options)) {
             if (choice != '?')
-                std::fprintf(stderr, "mavix-sim: bad value '%s'\n", optarg);
+                std::fprintf(stderr, "mavix-sim: %s, not '%s'\n", Expected(choice).c_str(), optarg);
             exitCode = 2;
             return std::nullopt;
         }

@@ -115,21 +115,35 @@ TEST(SimOptions, WithoutRecordsNothingIsKept) {
 struct SimOptionRow {
     std::vector<std::string> arguments;
     int exitCode;
+    const char* complaint = "";
 };
 
 TEST(SimOptions, BadOnesAreRefused) {
     const std::vector<SimOptionRow> rows{
-        {{"--help"}, 0},         {{"--version"}, 0},     {{"--nonsense"}, 2}, {{"--respawn-delay=x"}, 2},
-        {{"--serve=nobody"}, 2}, {{"--ready-fd=-1"}, 2}, {{"unexpected"}, 2},
+        {{"--help"}, 0},
+        {{"--version"}, 0},
+        {{"--nonsense"}, 2, "mavix-sim: unrecognized option '--nonsense'\n"},
+        {{"--respawn-delay=x"},
+         2,
+         "mavix-sim: --respawn-delay takes a whole number from 0 to 1000000, not 'x'\n"},
+        {{"--serve=nobody"}, 2, "mavix-sim: --serve takes daemon or lite, not 'nobody'\n"},
+        {{"--ready-fd=-1"}, 2, "mavix-sim: --ready-fd takes a whole number from 0 to 1000000, not '-1'\n"},
+        {{"--scenario="}, 2, "mavix-sim: --scenario takes the name of a file, not ''\n"},
+        {{"--replay-speed=slow"}, 2, "mavix-sim: --replay-speed takes recorded or fast, not 'slow'\n"},
+        {{"unexpected"}, 2, "mavix-sim: unexpected argument 'unexpected'\n"},
     };
     for (const SimOptionRow& row : rows) {
         SCOPED_TRACE(row.arguments[0]);
         MavixTools::ChildOptions options;
         options.program = MAVIX_TEST_SIM;
+        options.name = "mavix-sim";
         options.arguments = row.arguments;
-        options.discardOutput = true;
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
         MavixTools::TCChildProcess process(options);
         EXPECT_EQ(MavixTools::ShellStatus(*process.Wait()), row.exitCode);
+        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), row.complaint);
     }
 }
 
