@@ -49,10 +49,9 @@ int Supervise(const SimOptions& options) {
 }
 
 void Report(const SimOptions& options, const std::string& text) {
-    if (options.report.empty())
-        Complain(text);
-    else
-        std::ofstream(options.report) << text << "\n";
+    if (!options.report.empty() && std::ofstream(options.report) << text << "\n" << std::flush)
+        return;
+    Complain(text);
 }
 
 Scenario Load(const std::string& file, std::string& text) {

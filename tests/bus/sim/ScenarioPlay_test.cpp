@@ -321,6 +321,19 @@ TEST_F(ScenarioPlay, ARefusedScenarioEndsTheServiceBeforeItIsSeen) {
     }
 }
 
+TEST_F(ScenarioPlay, AReportThatCannotBeWrittenIsToldOnStandardError) {
+    const std::string file = m_bus.Folder() + "/scenario.json";
+    std::ofstream(file) << "{}";
+    MavixTools::ChildOptions options;
+    options.program = MAVIX_TEST_SIM;
+    options.arguments = {"--scenario=" + file, "--report=" + m_bus.Folder() + "/none/report"};
+    testing::internal::CaptureStderr();
+    MavixTools::TCChildProcess sim(options);
+    EXPECT_EQ(2, MavixTools::ShellStatus(*sim.Wait()));
+    EXPECT_EQ("mavix-sim: " + file + ":1:1: $: missing member 'format'\n",
+              testing::internal::GetCapturedStderr());
+}
+
 struct JudgementRow {
     const char* name;
     const char* expect;
