@@ -2,6 +2,7 @@
 
 #include "Trampoline.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace MavixSim {
@@ -9,7 +10,9 @@ namespace MavixSim {
 namespace {
 
 constexpr int eventsASlice = 64;
+// In messages, and in payload bytes, but for one event of any size.
 constexpr std::uint64_t longestQueue = 512;
+constexpr std::uint64_t largestQueue = std::uint64_t{4} * 1024 * 1024;
 
 } // namespace
 
@@ -37,10 +40,13 @@ TCBurstEmitter::TCBurstEmitter(sd_event* event, sd_bus* bus) : m_bus(bus) {
 
 void TCBurstEmitter::Start(const Event& event, std::uint32_t start, std::uint32_t count,
                            std::function<void()> done) {
-    m_bursts.push_back({event, start, count, std::move(done)});
-    std::vector<std::uint8_t>& payload = m_bursts.back().event.payload;
+    Burst burst{event, start, count, std::move(done)};
+    std::vector<std::uint8_t>& payload = burst.event.payload;
     if (payload.size() < sizeof start)
         payload.resize(sizeof start);
+    // What cannot be emitted is the caller's to know, before there are thousands of it.
+    MakeEvent(m_bus, burst.event);
+    m_bursts.push_back(std::move(burst));
     Check(sd_event_source_set_enabled(m_slices.get(), SD_EVENT_ON), "emit slices");
 }
 
@@ -52,11 +58,12 @@ void TCBurstEmitter::EmitOne(sd_bus_message* message) {
 bool TCBurstEmitter::m_QueueIsShort() const {
     std::uint64_t queued = 0;
     Check(sd_bus_get_n_queued_write(m_bus, &queued), "ask for the queue");
-    return queued < longestQueue;
+    const std::uint64_t size = m_bursts.front().event.payload.size();
+    return queued < std::clamp<std::uint64_t>(largestQueue / size, 1, longestQueue);
 }
 
 void TCBurstEmitter::m_EmitSlice() {
-    for (int i = 0; i < eventsASlice && !m_bursts.empty(); ++i) {
+    for (int i = 0; i < eventsASlice && !m_bursts.empty() && m_QueueIsShort(); ++i) {
         Burst& burst = m_bursts.front();
         if (burst.left > 0) {
             std::memcpy(burst.event.payload.data(), &burst.next, sizeof burst.next);

@@ -16,7 +16,7 @@ public:
 
     // Emits `count` events whose payloads start with the running number, 4 bytes in machine byte order,
     // counted from `start`. Calls `done` after the last one. Bursts follow one another in the order of
-    // asking.
+    // asking. Throws when there can be no such event.
     void Start(const Event& event, std::uint32_t start, std::uint32_t count, std::function<void()> done);
 
     void EmitOne(sd_bus_message* message);
@@ -31,6 +31,7 @@ private:
         std::function<void()> done;
     };
 
+    // Of the connection, for the next event of a burst.
     bool m_QueueIsShort() const;
     void m_EmitSlice();
 

@@ -1,6 +1,8 @@
 #include "SimFixture.h"
 
+#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <map>
 
 namespace MavixTest {
@@ -117,6 +119,25 @@ TEST_F(SimEvent, CallsAreServedDuringABurst) {
     m_client.Send(burst);
     ASSERT_FALSE(m_client.Call(RawCall{}).IsError());
     EXPECT_LT(m_driver.Stats()["eventsEmitted"], count);
+}
+
+TEST_F(SimEvent, ABurstThatCannotBeIsRefused) {
+    EXPECT_THROW(m_driver.EmitBurst(2, 1, 10, 4, 0, {0, 0, "no bus name"}), std::runtime_error);
+    m_driver.EmitBurst(2, 1, 10);
+    EXPECT_EQ(m_driver.Stats()["eventsEmitted"], 10);
+}
+
+TEST_F(SimEvent, ABurstOfLargeEventsIsNotKeptInMemory) {
+    if (MAVIX_TEST_SCALE_DIVISOR != 1)
+        GTEST_SKIP() << "sanitizers keep memory of their own";
+    constexpr std::uint32_t size = 4 * 1024 * 1024;
+    m_driver.EmitBurst(2, 1, 100, size);
+    std::ifstream file("/proc/" + m_driver.Stats()["pid"].dump() + "/status");
+    long mostKib = 0;
+    for (std::string line; mostKib == 0 && std::getline(file, line);)
+        std::sscanf(line.c_str(), "VmHWM: %ld kB", &mostKib);
+    EXPECT_GT(mostKib, 0);
+    EXPECT_LT(mostKib, 16 * size / 1024);
 }
 
 } // namespace
