@@ -1,6 +1,5 @@
 #include "TempFolder.h"
 
-#include <chrono>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -21,20 +20,15 @@ constexpr std::size_t longestBase = 80;
 // The number of the process that made the folder follows.
 const char* const prefix = "mavix-bus-";
 
-// A folder younger than this may not have been locked yet.
-constexpr std::chrono::minutes leastAgeOfLeftOvers{1};
+constexpr int mostAttempts = 20;
 
-// The descriptor holds the lock until it is closed, by the end of the process at the latest.
+// The descriptor holds the lock until it is closed, by the end of the process at the latest. None when
+// another process has the lock, or has removed the folder.
 TCDescriptor Lock(const fs::path& folder) {
     TCDescriptor descriptor(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (descriptor && ::flock(descriptor.Get(), LOCK_EX | LOCK_NB) != 0)
+    if (descriptor && (::flock(descriptor.Get(), LOCK_EX | LOCK_NB) != 0 || !fs::exists(folder)))
         descriptor.Close();
     return descriptor;
-}
-
-bool IsOld(const struct stat& status) {
-    const auto changed = std::chrono::system_clock::from_time_t(status.st_mtime);
-    return std::chrono::system_clock::now() - changed > leastAgeOfLeftOvers;
 }
 
 // Where folders are made, in this order.
@@ -48,17 +42,17 @@ std::vector<fs::path> Bases() {
 }
 
 // Only our own user's folders that nobody locks.
-template <class Condition>
-void RemoveUnlocked(const fs::path& base, const std::string& start, const Condition& condition) {
+void RemoveUnlocked(const std::string& start) {
     std::error_code ignored;
-    for (const fs::directory_entry& entry : fs::directory_iterator(base, ignored)) {
-        struct stat status {};
-        if (entry.path().filename().string().rfind(start, 0) != 0 ||
-            ::lstat(entry.path().c_str(), &status) != 0 || status.st_uid != ::geteuid() || !condition(status))
-            continue;
-        if (const TCDescriptor lock = Lock(entry.path()))
-            fs::remove_all(entry.path(), ignored);
-    }
+    for (const fs::path& base : Bases())
+        for (const fs::directory_entry& entry : fs::directory_iterator(base, ignored)) {
+            struct stat status {};
+            if (entry.path().filename().string().rfind(start, 0) != 0 ||
+                ::lstat(entry.path().c_str(), &status) != 0 || status.st_uid != ::geteuid())
+                continue;
+            if (const TCDescriptor lock = Lock(entry.path()))
+                fs::remove_all(entry.path(), ignored);
+        }
 }
 
 std::string StartOfName(pid_t process) {
@@ -68,15 +62,19 @@ std::string StartOfName(pid_t process) {
 } // namespace
 
 TCTempFolder::TCTempFolder() {
-    for (const fs::path& base : Bases()) {
-        std::string path = base / (StartOfName(::getpid()) + "XXXXXX");
-        if (path.size() <= longestBase && ::mkdtemp(path.data()) != nullptr) {
-            m_path = path;
-            m_lock = Lock(path);
-            RemoveUnlocked(base, prefix, IsOld);
-            return;
+    RemoveUnlocked(prefix);
+    for (const fs::path& base : Bases())
+        // One that somebody else removed as left over, before it was locked, is made anew.
+        for (int attempt = 0; attempt < mostAttempts; ++attempt) {
+            std::string path = base / (StartOfName(::getpid()) + "XXXXXX");
+            if (path.size() > longestBase || ::mkdtemp(path.data()) == nullptr)
+                break;
+            if ((m_lock = Lock(path))) {
+                m_path = path;
+                return;
+            }
+            ::rmdir(path.c_str());
         }
-    }
     throw std::runtime_error("no writable folder in XDG_RUNTIME_DIR, TMPDIR or /tmp");
 }
 
@@ -90,8 +88,7 @@ void TCTempFolder::OpenToOtherUsers() const {
 }
 
 void TCTempFolder::RemoveThoseOf(pid_t ended) {
-    for (const fs::path& base : Bases())
-        RemoveUnlocked(base, StartOfName(ended), [](const struct stat&) { return true; });
+    RemoveUnlocked(StartOfName(ended));
 }
 
 } // namespace MavixTools

@@ -9,8 +9,8 @@
 namespace MavixTools {
 
 // A private folder under XDG_RUNTIME_DIR, TMPDIR or /tmp, the first that can be written to; removed, with
-// what it holds, by the destructor. Its owner holds a lock on it, by which the next one there knows, and
-// removes, what a killed process has left that nobody has cleared up after.
+// what it holds, by the destructor. Its owner holds a lock on it, by which the next one knows, and removes,
+// what a killed process has left in these places that nobody has cleared up after.
 class TCTempFolder final {
 public:
     // Throws std::runtime_error when there is no such place.
