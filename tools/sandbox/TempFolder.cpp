@@ -1,5 +1,7 @@
 #include "TempFolder.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -31,12 +33,21 @@ TCDescriptor Lock(const fs::path& folder) {
     return descriptor;
 }
 
+// Whether it can be part of the bus's address as it is.
+bool IsForAddress(const std::string& path) {
+    const std::string others = "-_/.";
+    return std::all_of(path.begin(), path.end(), [&others](unsigned char letter) {
+        return letter < 0x80 &&
+               (std::isalnum(letter) != 0 || others.find(static_cast<char>(letter)) != std::string::npos);
+    });
+}
+
 // Where folders are made, in this order.
 std::vector<fs::path> Bases() {
     std::vector<fs::path> bases;
     const std::initializer_list<const char*> wanted{::getenv("XDG_RUNTIME_DIR"), ::getenv("TMPDIR"), "/tmp"};
     for (const char* base : wanted)
-        if (base != nullptr && base[0] == '/')
+        if (base != nullptr && base[0] == '/' && IsForAddress(base))
             bases.emplace_back(base);
     return bases;
 }

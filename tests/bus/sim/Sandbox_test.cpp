@@ -171,6 +171,20 @@ TEST_F(Sandbox, ManyThatStartAtOnceLeaveEachOtherTheirFolders) {
     EXPECT_TRUE(NothingIsLeft());
 }
 
+TEST_F(Sandbox, PassesOverFoldersThatABusAddressCannotName) {
+    for (const char* name : {"a b", "a,b", "a;b", "a%b", "a<&b", "a\xc3\xa4"}) {
+        const std::string folder = m_notes.Path() + "/" + name;
+        std::filesystem::create_directory(folder);
+        std::filesystem::remove(m_note);
+        EXPECT_EQ(Run({"XDG_RUNTIME_DIR=" + folder, MAVIX_TEST_SANDBOX, "--no-service", "sh", "-c",
+                       "echo $DBUS_SYSTEM_BUS_ADDRESS >$0", m_note},
+                      "env"),
+                  0)
+            << name;
+        EXPECT_EQ(ReadNote().rfind("unix:path=" + m_temporary.Path() + "/", 0), 0u) << name << ReadNote();
+    }
+}
+
 TEST_F(Sandbox, RunsTheBusAloneOnRequest) {
     TCChildProcess sandbox = StartWaiting({"--no-service"});
     EXPECT_EQ(Descendants(sandbox.Pid()).size(), 3u);
