@@ -156,9 +156,8 @@ void TCChildProcess::m_Start(const ChildOptions& options) {
     }
 }
 
-void TCChildProcess::Signal(int signal) const {
-    if (m_pid > 0)
-        ::kill(m_pid, signal);
+bool TCChildProcess::Signal(int signal) const {
+    return m_pid > 0 && ::kill(m_pid, signal) == 0;
 }
 
 std::optional<int> TCChildProcess::Wait(std::optional<std::chrono::milliseconds> limit) {
@@ -188,10 +187,8 @@ void TCChildProcess::End(std::chrono::milliseconds grace) {
     if (m_pid <= 0)
         return;
     Signal(SIGTERM);
-    if (!Wait(grace)) {
-        Signal(SIGKILL);
+    if (!Wait(grace) && Signal(SIGKILL))
         Wait();
-    }
 }
 
 int ShellStatus(int waitStatus) {

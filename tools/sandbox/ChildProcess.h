@@ -49,10 +49,11 @@ public:
     pid_t Pid() const { return m_pid; }
     // Readable when the process has ended.
     int PollDescriptor() const { return m_pidDescriptor.Get(); }
-    void Signal(int signal) const;
+    // False when there is no process, or one of another user.
+    bool Signal(int signal) const;
     // The status as of waitpid, or none when the process runs on. Without a limit, waits for the end.
     std::optional<int> Wait(std::optional<std::chrono::milliseconds> limit = std::nullopt);
-    // SIGTERM, and SIGKILL after `grace`.
+    // SIGTERM, and SIGKILL after `grace`. A process that we may not end goes on.
     void End(std::chrono::milliseconds grace = std::chrono::milliseconds(2000));
 
 private:

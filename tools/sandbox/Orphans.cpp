@@ -49,8 +49,11 @@ void EndOrphans(const std::vector<pid_t>& known) {
         if (orphans.empty())
             return;
         // Each end can hand us further orphans, so all that there are now are asked again.
+        bool mayEndAny = false;
         for (const pid_t pid : orphans)
-            ::kill(pid, Clock::now() < killTime ? SIGTERM : SIGKILL);
+            mayEndAny = ::kill(pid, Clock::now() < killTime ? SIGTERM : SIGKILL) == 0 || mayEndAny;
+        if (!mayEndAny)
+            return;
         const timespec pause{0, 20'000'000};
         ::sigtimedwait(&childEnded, nullptr, &pause);
     }

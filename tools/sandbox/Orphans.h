@@ -12,7 +12,7 @@ void AdoptOrphans();
 // Collects adopted processes that have ended; `known` are not adopted ones.
 void CollectOrphans(const std::vector<pid_t>& known);
 
-// Ends all adopted processes, by SIGKILL after a second.
+// Ends all adopted processes, by SIGKILL after a second, but for those of other users that we may not end.
 void EndOrphans(const std::vector<pid_t>& known);
 
 } // namespace MavixTools

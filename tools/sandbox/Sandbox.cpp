@@ -153,8 +153,8 @@ int TCSandbox::m_WaitForCommand(TCChildProcess& command) {
         if (ready < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "cannot wait for the command");
         const bool isTimeUp = ready == 0 || wanted[0].revents != 0;
-        if (isTimeUp)
-            command.Signal(SIGKILL);
+        if (isTimeUp && !command.Signal(SIGKILL))
+            return ShellStatus(SIGKILL);
         if (isTimeUp || wanted[1].revents != 0)
             return ShellStatus(*command.Wait());
         if (wanted[2].revents != 0)

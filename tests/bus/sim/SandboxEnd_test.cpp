@@ -165,6 +165,34 @@ TEST_F(SandboxEnd, ASandboxThatStoppedIsKilledWithAllItsProcesses) {
     EXPECT_TRUE(Await([&] { return LeftOvers().empty(); })) << LeftOvers();
 }
 
+// As an ordinary user's sandbox does with processes of another user, here without the right to signal them.
+TEST_F(SandboxEnd, ProcessesThatItMayNotEndDoNotKeepIt) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root, to act as another user";
+    const std::string other = "exec setpriv --reuid 65534 --clear-groups sleep 1000";
+    const auto start = [&](const std::string& script) {
+        std::filesystem::remove(m_note);
+        return Start(
+            {"--bounding-set", "-kill", MAVIX_TEST_SANDBOX, "--no-service", "sh", "-c", script, m_note},
+            "setpriv");
+    };
+    const auto isAsleep = [&] { return !ReadNote().empty() && NameOf(std::stoi(ReadNote())) == "sleep"; };
+    const auto endOther = [&] { EXPECT_EQ(::kill(std::stoi(ReadNote()), SIGKILL), 0); };
+
+    TCChildProcess leaving = start("(" + other +
+                                   ") & echo $! >$0; until read name </proc/$!/comm && "
+                                   "[ $name = sleep ]; do :; done; exit 3");
+    EXPECT_EQ(MavixTools::ShellStatus(leaving.Wait(std::chrono::seconds(30)).value_or(-1)), 3);
+    endOther();
+
+    TCChildProcess waiting = start("echo $$ >$0; " + other);
+    EXPECT_TRUE(Await(isAsleep));
+    waiting.Signal(SIGTERM);
+    EXPECT_EQ(MavixTools::ShellStatus(waiting.Wait(std::chrono::seconds(30)).value_or(-1)), 128 + SIGKILL);
+    endOther();
+    EXPECT_TRUE(NothingIsLeft());
+}
+
 } // namespace
 
 } // namespace MavixTest
