@@ -17,6 +17,8 @@ using Kind = TCJsonTree::Kind;
 constexpr std::int64_t longestMs = 3600000;
 constexpr std::int64_t largestCount = 0xffffffff;
 constexpr std::int64_t largestSize = 0x7fffffff;
+// A bus disconnects who sends a message of more than 32 MiB.
+constexpr std::size_t largestPayload = std::size_t{24} * 1024 * 1024;
 
 // A rule is one step or has a sequence of them.
 struct RuleDraft {
@@ -60,6 +62,11 @@ Bytes NumberBytes(std::int32_t value) {
     Bytes bytes(sizeof value);
     std::memcpy(bytes.data(), &value, sizeof value);
     return bytes;
+}
+
+// Of an interface, or an error.
+bool IsName(const std::string& text) {
+    return text.find('\0') == std::string::npos && sd_bus_interface_name_is_valid(text.c_str()) > 0;
 }
 
 std::string Quoted(const std::string& text) {
@@ -246,6 +253,8 @@ private:
             } catch (const std::invalid_argument& error) {
                 m_tree.Fail(*child, error.what());
             }
+            if (bytes.size() > largestPayload)
+                m_tree.Fail(*child, "more than " + std::to_string(largestPayload) + " bytes altogether");
         }
         return bytes;
     }
@@ -259,9 +268,7 @@ private:
     }
 
     // Also of a member's name.
-    bool m_IsInterface(const std::string& text) const {
-        return text == "*" || sd_bus_interface_name_is_valid(text.c_str()) > 0;
-    }
+    bool m_IsInterface(const std::string& text) const { return text == "*" || IsName(text); }
 
     // Without effect: remarks, and what is read when its whole object has been.
     template <class Target>
@@ -318,8 +325,10 @@ private:
             text = parameter.text;
         else
             text = parameter.choices.empty() ? m_Text(*given) : m_Choice(*given, parameter.choices);
+        if (given != nullptr && text.find('\0') != std::string::npos)
+            m_tree.Fail(*given, "a text on the bus has no zero character");
         if (given != nullptr && use.Is(Fault::ErrorReply) && std::strcmp(parameter.name, "name") == 0 &&
-            sd_bus_interface_name_is_valid(text.c_str()) <= 0)
+            !IsName(text))
             m_tree.Fail(*given, "expected the name of a D-Bus error, found " + Quoted(text));
     }
 

@@ -156,6 +156,12 @@ std::vector<BadRow> BadRows() {
          "file:1:86: " + rule + ".with: 'drop-name' has no parameter 'busName' here"},
         {WithRule(R"({"code":1,"fault":"error-reply","with":{"name":"x"}})"),
          "file:1:95: " + rule + ".with.name: expected the name of a D-Bus error, found 'x'"},
+        {WithRule(R"({"code":1,"fault":"error-reply","with":{"name":"a.b\u0000"}})"),
+         "file:1:95: " + rule + ".with.name: a text on the bus has no zero character"},
+        {WithRule(R"({"code":1,"fault":"error-reply","with":{"text":"a\u0000b"}})"),
+         "file:1:95: " + rule + ".with.text: a text on the bus has no zero character", true},
+        {R"({"format":1,"interfaces":{"a.b\u0000":[]}})",
+         "file:1:27: $.interfaces: expected the name of an interface or '*', found 'a.b"},
         {WithRule(R"({"code":1,"fault":"no-reply","reply":[]})"),
          "file:1:77: " + rule + ": 'reply' has no effect with 'no-reply'"},
         {WithRule(R"({"code":1,"sequence":[]})"),
@@ -251,6 +257,10 @@ TEST(ScenarioReader, RefusesWhatIsLargerThanMemoryShouldHold) {
         values += "1,";
     }
     EXPECT_EQ("file:1:2000016: $.order[999997]: more than 1000000 values", Complaint(values + "1]}"));
+    const std::string half = "\"str:" + std::string(12 * 1024 * 1024 - 4, 'x') + "\"";
+    EXPECT_EQ("", Complaint(WithRule(R"({"code":1,"reply":[)" + half + "," + half + "]}")));
+    EXPECT_EQ("file:1:25165897: " + std::string(inRule) + ".reply[2]: more than 25165824 bytes altogether",
+              Complaint(WithRule(R"({"code":1,"reply":[)" + half + "," + half + R"(,"c:1"]})")));
     EXPECT_EQ(
         "file:1:33: $[0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0][0]"
         "[0][0][0][0]: nested more than 32 levels deep",
@@ -461,8 +471,9 @@ TEST(ScenarioReader, TakesTheCalledProcessForAFaultAfterACall) {
                 {"*", "daemon", "com.norvale.MavixAPI"},
                 {sessionInterface, "lite", sessionInterface}};
     for (const auto& row : rows) {
-        const Scenario scenario = Read(R"({"format":1,"interfaces":{")" + std::string(row.interface) +
-                                       R"(":[{"code":1,"then":[{"fault":"restart"},{"fault":"owner-flap"}]}]}})");
+        const Scenario scenario =
+            Read(R"({"format":1,"interfaces":{")" + std::string(row.interface) +
+                 R"(":[{"code":1,"then":[{"fault":"restart"},{"fault":"owner-flap"}]}]}})");
         const std::vector<Action>& then = scenario.rules.at(0).steps.at(0).then;
         EXPECT_EQ(row.process, then.at(0).fault.texts.at("process")) << row.interface;
         EXPECT_EQ(row.busName, then.at(1).fault.texts.at("busName")) << row.interface;
