@@ -521,7 +521,10 @@ TEST(ScenarioReader, AndTheSchemaTakeTheReadyScenarios) {
     for (const auto& entry : std::filesystem::directory_iterator(MAVIX_TEST_SCENARIOS)) {
         if (entry.path().extension() == ".json") {
             EXPECT_EQ("", Complaint(FileText(entry.path()))) << entry.path();
-            EXPECT_TRUE(Schema().Accepts(json::parse(FileText(entry.path())))) << entry.path();
+            const json scenario = json::parse(FileText(entry.path()));
+            EXPECT_TRUE(Schema().Accepts(scenario)) << entry.path();
+            const auto schema = entry.path().parent_path() / scenario.at("$schema").get<std::string>();
+            EXPECT_EQ(FileText(MAVIX_TEST_SCHEMA), FileText(schema)) << "an editor does not find " << schema;
             ++files;
         }
     }
