@@ -18,6 +18,8 @@ struct Plan {
     // The answer of behaviours that echo; what the call itself gives when not set.
     std::optional<std::vector<std::uint8_t>> answer;
     std::uint32_t delayMs = 0;
+    // May be empty. Is handed the answering, after the delay, to do it at another time.
+    std::function<void(std::function<void()>)> hold;
     // May be empty. They run right before the answer and right after it, also when there is none.
     std::function<void()> before;
     std::function<void()> after;

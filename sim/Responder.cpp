@@ -73,13 +73,19 @@ void TCResponder::Respond(sd_bus_message* request, const Call& call) {
     std::uint32_t delayMs = m_delayMs + plan->delayMs;
     if (plan->behaviour == Behaviour::Delay)
         delayMs += Milliseconds(ParameterOf(call, *plan));
-    if (delayMs == 0) {
+    if (delayMs == 0 && !plan->hold) {
         m_AnswerOrRefuse(request, call, *plan);
         return;
     }
     // Actions are copied, so the message is held through a shared handle.
     const std::shared_ptr<sd_bus_message> held(sd_bus_message_ref(request), sd_bus_message_unref);
-    m_timers.After(delayMs, [this, held, call, plan] { m_AnswerOrRefuse(held.get(), call, *plan); });
+    std::function<void()> answer = [this, held, call, plan] { m_AnswerOrRefuse(held.get(), call, *plan); };
+    if (plan->hold)
+        answer = [plan, answer] { plan->hold(answer); };
+    if (delayMs == 0)
+        answer();
+    else
+        m_timers.After(delayMs, std::move(answer));
 }
 
 void TCResponder::Refuse(sd_bus_message* request, const Call& call, const std::string& reason) {

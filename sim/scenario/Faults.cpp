@@ -74,7 +74,11 @@ const std::vector<FaultRow>& FaultTable() {
          inEvent,
          {{"kind", 0, 0, 0, "no-payload", RawEventKinds()}, {"id", 0, 0, 0, ""}}},
         {"duplicate-event", Fault::DuplicateEvent, inEvent, {{"times", 2, 10000, 2}}},
-        {"reorder", Fault::Reorder, inEvent, {{"count", 2, 10000, 2}}},
+        {"reorder",
+         Fault::Reorder,
+         inStep | inEvent,
+         {{"milliseconds", 0, longest, 1000, nullptr, {}, inStep},
+          {"count", 2, 10000, 2, nullptr, {}, inEvent}}},
         {"slow-start", Fault::SlowStart, inStart, {Milliseconds(1000), StartingProcess()}},
         {"never-start", Fault::NeverStart, inStart, {StartingProcess()}},
     };

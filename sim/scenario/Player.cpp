@@ -127,6 +127,8 @@ Plan TCPlayer::m_PlanFor(const Step& step, const Call& call, std::uint64_t chanc
         plan.before = [this, &step] { m_Hang(step.fault.Milliseconds()); };
     else if (step.fault.Is(Fault::CrashInCall))
         plan.before = [this, &step] { m_playback.progress.AwayMs(m_parts.role) = step.fault.Milliseconds(); };
+    else if (step.fault.Is(Fault::Reorder))
+        plan.hold = [this, &step](std::function<void()> answer) { m_Swap(step, std::move(answer)); };
     plan.after = [this, &step, caller, busName] {
         for (const Action& action : step.then)
             m_DoAt(MonotonicMs() + action.afterMs, action, caller, 0, nullptr);
@@ -134,6 +136,27 @@ Plan TCPlayer::m_PlanFor(const Step& step, const Call& call, std::uint64_t chanc
             m_Break(step.fault, busName);
     };
     return plan;
+}
+
+void TCPlayer::m_Swap(const Step& step, std::function<void()> answer) {
+    const auto earlier = m_held.find(&step);
+    if (earlier != m_held.end()) {
+        // In a turn of its own, so that one that fails does not take the other one along.
+        m_parts.timers.After(0, std::move(earlier->second.answer));
+        m_held.erase(earlier);
+        answer();
+        return;
+    }
+    const std::uint64_t number = ++m_lastHeld;
+    m_held[&step] = {number, std::move(answer)};
+    m_parts.timers.After(step.fault.Milliseconds(), [this, &step, number] {
+        const auto held = m_held.find(&step);
+        if (held == m_held.end() || held->second.number != number)
+            return;
+        const std::function<void()> alone = std::move(held->second.answer);
+        m_held.erase(held);
+        alone();
+    });
 }
 
 void TCPlayer::m_DoAt(std::uint64_t dueMs, const Action& action, const std::string& caller,

@@ -6,6 +6,8 @@
 #include "Plan.h"
 #include "Progress.h"
 
+#include <map>
+
 namespace MavixSim {
 
 // What a process plays, and how far it has come.
@@ -45,6 +47,8 @@ public:
 private:
     Plan m_PlanFor(const Step& step, const Call& call, std::uint64_t chance);
     std::uint64_t m_Chance(std::size_t rule, std::uint64_t number) const;
+    // Answers each two calls of a step the other way round; the first one alone when it has waited long.
+    void m_Swap(const Step& step, std::function<void()> answer);
     bool m_IsOurs(const Action& action) const;
     void m_DoAt(std::uint64_t dueMs, const Action& action, const std::string& caller, std::uint64_t done,
                 TCProgress::Counter* kept);
@@ -54,8 +58,15 @@ private:
     void m_Hang(std::uint32_t milliseconds);
     void m_Flap(const std::string& busName, std::uint32_t milliseconds, std::uint32_t times);
 
+    struct Held {
+        std::uint64_t number;
+        std::function<void()> answer;
+    };
+
     const Playback m_playback;
     const Parts m_parts;
+    std::map<const Step*, Held> m_held; // answers that wait for the next call
+    std::uint64_t m_lastHeld = 0;
     std::optional<std::uint32_t> m_awayMs;
 };
 

@@ -139,6 +139,8 @@ std::vector<FaultOutcome> MakeTable() {
         Row("duplicate-event", "", AfterCall("duplicate-event", R"(,"payload":["i:5"])"), {answered}, {},
             "5 5"),
         Row("reorder", "", AfterCall("reorder"), {answered}, {}, "1 0"),
+        Row("reorder", "of an answer that no other one follows", Always("reorder"),
+            {answered + " after 1 s"}),
         WithoutOwner(Row("slow-start", "", R"("start":{"fault":"slow-start"})", {answered + " after 1 s"})),
         WithoutOwner(
             Slow(Row("never-start", "", R"("start":{"fault":"never-start"})", {"fails after 25 s"},

@@ -153,6 +153,36 @@ TEST_F(ScenarioPlay, AHungProcessAnswersNobodyAndEndsAtOnceWhenAsked) {
     EXPECT_LT(TimeOf([&] { m_sim->Stop(); }), milliseconds(1900));
 }
 
+// Keeps the first bytes of the answers in the order of their arrival.
+int KeepAnswer(sd_bus_message* message, void* order, sd_bus_error*) {
+    RawReply reply;
+    reply.message.reset(sd_bus_message_ref(message));
+    reply.TakeByte();
+    reply.TakeInt();
+    static_cast<Bytes*>(order)->push_back(reply.TakeBytes().at(0));
+    return 0;
+}
+
+TEST_F(ScenarioPlay, TheAnswersOfEachTwoCallsChangePlaces) {
+    PlayRules(
+        R"({"code":1,"fault":"reorder","with":{"milliseconds":200},"then":[{"event":{"type":2,"id":1}}]})");
+    SubscribeToEvents();
+    Bytes order;
+    for (std::uint8_t number = 0; number < 5; ++number) {
+        RawCall call;
+        call.header = Header(1);
+        call.payload = {number};
+        MavixSim::Check(
+            sd_bus_call_async(m_client.Bus(), nullptr, m_client.MakeCall(call).get(), KeepAnswer, &order, 0),
+            "call");
+    }
+    for (int event = 0; event < 5; ++event) {
+        EXPECT_TRUE(m_client.NextEvent()) << "each call is followed by what follows it";
+    }
+    EXPECT_EQ((Bytes{1, 0, 3, 2, 4}), order);
+    EXPECT_GE(TimeOf([&] { EXPECT_EQ(Bytes{9}, Answer(1, {9})); }), milliseconds(200)) << "none follows it";
+}
+
 TEST_F(ScenarioPlay, EventsComeAfterTheAnswer) {
     PlayRules(R"({"code":1,"then":[
         {"event":{"type":"Data","id":7,"handle":[1,2],"payload":["c:5"]}},
