@@ -50,7 +50,7 @@ CLI::App* AddCommand(CLI::App& parent, TSSettings& settings, const std::string& 
 CLI::Validator Number(std::int64_t lowest, std::int64_t highest) {
     return CLI::Validator(
         [lowest, highest](std::string& text) {
-            const std::optional<std::int64_t> number = ParseNumber(text, lowest, highest);
+            const std::optional<std::int64_t> number = MavixTraffic::ParseNumber(text, lowest, highest);
             if (!number)
                 return "'" + text + "' is not a whole number from " + std::to_string(lowest) + " to " +
                        std::to_string(highest);

@@ -83,8 +83,9 @@ CLI::Validator EventType() {
 MAVIXHandle ParseHandle(const std::string& text) {
     constexpr std::int64_t most = std::numeric_limits<std::uint32_t>::max();
     const std::size_t comma = std::min(text.find(','), text.size());
-    const auto high = ParseNumber(std::string_view(text).substr(0, comma), 0, most);
-    const auto low = ParseNumber(std::string_view(text).substr(std::min(comma + 1, text.size())), 0, most);
+    const auto high = MavixTraffic::ParseNumber(std::string_view(text).substr(0, comma), 0, most);
+    const auto low =
+        MavixTraffic::ParseNumber(std::string_view(text).substr(std::min(comma + 1, text.size())), 0, most);
     if (!high || !low)
         throw CLI::ValidationError(
             "--handle", fmt::format("'{}' is not two whole numbers from 0 to {} with a comma", text, most));

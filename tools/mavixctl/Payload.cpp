@@ -47,7 +47,8 @@ void PushBytes(TCMessageBuffer& payload, const std::string& argumentName, std::s
 void PushNumber(TCMessageBuffer& payload, const std::string& argumentName, const std::string& value,
                 unsigned int width) {
     const unsigned int bits = width * 8;
-    const std::optional<std::uint64_t> number = ParseField(std::string_view(value).substr(2), bits);
+    const std::optional<std::uint64_t> number =
+        MavixTraffic::ParseField(std::string_view(value).substr(2), bits);
     if (!number)
         Complain(argumentName, fmt::format("'{}' is not a whole number of {} bits, from {} to {}", value,
                                            bits, std::numeric_limits<std::int64_t>::min() >> (64U - bits),
@@ -68,27 +69,11 @@ void PushNumber(TCMessageBuffer& payload, const std::string& argumentName, const
     }
 }
 
-int DigitValue(char digit) {
-    if (digit >= '0' && digit <= '9')
-        return digit - '0';
-    if (digit >= 'a' && digit <= 'f')
-        return digit - 'a' + 10;
-    return digit >= 'A' && digit <= 'F' ? digit - 'A' + 10 : -1;
-}
-
-// Bytes may stand apart, by blanks or colons.
-std::string ParseHex(const std::string& argumentName, const std::string& value) {
-    std::string bytes;
-    for (std::size_t at = std::strlen("hex:"); at < value.size(); ++at) {
-        if (value[at] == ' ' || value[at] == ':')
-            continue;
-        const int high = DigitValue(value[at]);
-        const int low = ++at < value.size() ? DigitValue(value[at]) : -1;
-        if (high < 0 || low < 0)
-            Complain(argumentName, fmt::format("'{}' is not made of two hexadecimal digits a byte", value));
-        bytes += static_cast<char>(high * 16 + low);
-    }
-    return bytes;
+void PushHex(TCMessageBuffer& payload, const std::string& argumentName, const std::string& value) {
+    const auto bytes = MavixTraffic::FromTypedHex(std::string_view(value).substr(std::strlen("hex:")));
+    if (!bytes)
+        Complain(argumentName, fmt::format("'{}' is not made of two hexadecimal digits a byte", value));
+    PushBytes(payload, argumentName, {reinterpret_cast<const char*>(bytes->data()), bytes->size()});
 }
 
 void PushFile(TCMessageBuffer& payload, const std::string& argumentName, const std::string& value) {
@@ -142,17 +127,18 @@ void AppendValue(TCMessageBuffer& payload, const std::string& argumentName, cons
     const std::string type = value.substr(0, value.find(':'));
     const bool hasType = type.size() < value.size();
     const std::string text = hasType ? value.substr(type.size() + 1) : "";
+    const unsigned int width = hasType ? WidthOf(type) : 0;
     if (value == "-" || value[0] == '@') {
         PushFile(payload, argumentName, value);
-    } else if (hasType && WidthOf(type) != 0) {
-        PushNumber(payload, argumentName, value, WidthOf(type));
+    } else if (width != 0) {
+        PushNumber(payload, argumentName, value, width);
     } else if (hasType && type == "str") {
         payload.PushInt(static_cast<int>(text.size()));
         PushBytes(payload, argumentName, text);
     } else if (hasType && type == "strz") {
         PushBytes(payload, argumentName, {text.c_str(), text.size() + 1});
     } else if (hasType && type == "hex") {
-        PushBytes(payload, argumentName, ParseHex(argumentName, value));
+        PushHex(payload, argumentName, value);
     } else {
         Complain(argumentName,
                  fmt::format("'{}' is none of c:, s:, i:, l: and a number, str:, strz: and a text, hex: and "
@@ -190,8 +176,8 @@ std::vector<TCPayloadView::Field> TCPayloadView::Parse(const std::string& text) 
     std::vector<Field> fields;
     for (const std::string& name : CLI::detail::split(text, ',')) {
         const bool hasSize = name.substr(0, hexOfSize.size()) == hexOfSize;
-        const auto size = hasSize ? ParseNumber(std::string_view(name).substr(hexOfSize.size()), 0,
-                                                std::int64_t{largestPayload} * 2)
+        const auto size = hasSize ? MavixTraffic::ParseNumber(std::string_view(name).substr(hexOfSize.size()),
+                                                              0, std::int64_t{largestPayload} * 2)
                                   : std::optional<std::int64_t>(0);
         const bool isKnown =
             WidthOf(name) != 0 || name == "str" || name == "strz" || name == "hex" || (hasSize && size);

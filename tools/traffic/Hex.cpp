@@ -45,6 +45,18 @@ std::optional<std::vector<std::uint8_t>> FromHex(const std::string& text) {
     return bytes;
 }
 
+std::optional<std::vector<std::uint8_t>> FromTypedHex(std::string_view text) {
+    std::string digits;
+    for (const char letter : text) {
+        const bool parts = letter == ' ' || letter == ':';
+        if (parts && digits.size() % 2 != 0)
+            return std::nullopt;
+        if (!parts)
+            digits += letter >= 'A' && letter <= 'F' ? static_cast<char>(letter - 'A' + 'a') : letter;
+    }
+    return FromHex(digits);
+}
+
 std::string ToPrintable(const std::uint8_t* bytes, std::size_t size) {
     std::string text(bytes, bytes + size);
     std::replace_if(

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace MavixTraffic {
@@ -12,6 +13,8 @@ namespace MavixTraffic {
 std::string ToHex(const std::uint8_t* bytes, std::size_t size);
 // None when the text is not pairs of lower-case hexadecimal digits.
 std::optional<std::vector<std::uint8_t>> FromHex(const std::string& text);
+// As people type it: digits of either case, bytes parted by blanks or colons, or not.
+std::optional<std::vector<std::uint8_t>> FromTypedHex(std::string_view text);
 
 // What of the bytes is printable ASCII; a dot for every other byte.
 std::string ToPrintable(const std::uint8_t* bytes, std::size_t size);

@@ -22,6 +22,13 @@ TEST(Hex, RefusesWhatIsNoPairsOfLowerCaseDigits) {
     EXPECT_EQ(FromHex(""), std::vector<std::uint8_t>());
 }
 
+TEST(Hex, ReadsWhatPeopleType) {
+    EXPECT_EQ(FromTypedHex(" 0aFf:10 20:"), (std::vector<std::uint8_t>{10, 255, 16, 32}));
+    EXPECT_EQ(FromTypedHex(""), std::vector<std::uint8_t>());
+    for (const char* text : {"0", "a b", "0:1", "gg", "0x10", "1-2"})
+        EXPECT_EQ(FromTypedHex(text), std::nullopt) << text;
+}
+
 TEST(Hex, ShowsBytesInRowsOfSixteen) {
     const std::string bytes = "Is anybody\n\xff? 1234";
     std::string text;

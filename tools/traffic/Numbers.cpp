@@ -3,7 +3,7 @@
 #include <charconv>
 #include <limits>
 
-namespace MavixControl {
+namespace MavixTraffic {
 
 namespace {
 
@@ -50,4 +50,4 @@ std::optional<std::int64_t> ParseNumber(std::string_view text, std::int64_t lowe
     return value;
 }
 
-} // namespace MavixControl
+} // namespace MavixTraffic
