@@ -84,8 +84,13 @@ TCServer::TCServer(const Role& role, bool keepRecords, const Playback* playback,
       m_responder(m_event.get(), m_timers, m_names, m_sessions),
       m_control(
           {m_event.get(), m_bus.get(), m_names, m_responder, m_recorder, m_emitter, m_timers, m_sessions}) {
-    for (const int signal : {SIGTERM, SIGINT})
-        Check(sd_event_add_signal(m_event.get(), nullptr, signal, m_OnSignal, this), "watch a signal");
+    for (const int signal : {SIGTERM, SIGINT}) {
+        sd_event_source* source = nullptr;
+        Check(sd_event_add_signal(m_event.get(), &source, signal, m_OnSignal, this), "watch a signal");
+        m_signals.emplace_back(source);
+        // Before the calls of the same turn: one that hangs would wait for a signal that has been taken up.
+        Check(sd_event_source_set_priority(source, SD_EVENT_PRIORITY_IMPORTANT), "set a priority");
+    }
     if (playback != nullptr) {
         m_player.emplace(*playback,
                          TCPlayer::Parts{role, m_event.get(), m_bus.get(), m_names, m_emitter, m_timers});

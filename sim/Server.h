@@ -6,6 +6,8 @@
 #include "replay/Replay.h"
 #include "scenario/Player.h"
 
+#include <vector>
+
 namespace MavixSim {
 
 // One serving process: its bus connection, its event loop and the parts on it. Owner: main. One thread.
@@ -36,6 +38,7 @@ private:
     bool m_hasEnded = false;
     std::uint64_t m_calls = 0;
     EventHandle m_event;
+    std::vector<SourceHandle> m_signals;
     BusHandle m_bus;
     TCTimers m_timers;
     TCBusNames m_names;
