@@ -149,11 +149,12 @@ TEST_F(Sandbox, RemovesWhatAKilledOneHasLeftAndNothingOfALivingOne) {
     TCChildProcess living = StartWaiting();
     const std::string livingFolder = folderOf(ReadNote());
 
-    // Both at once, so that neither clears up after the other.
-    ::kill(all.front(), SIGSTOP);
+    // Both at once, so that neither clears up after the other. It is the keeper that goes first: a stopped
+    // one would be continued by the kernel when its parent ends, as its process group is an orphan then.
+    killed.Signal(SIGSTOP);
+    ::kill(all.front(), SIGKILL);
     killed.Signal(SIGKILL);
     killed.Wait();
-    ::kill(all.front(), SIGKILL);
     ASSERT_TRUE(Await([&] { return !AnyRuns(all); }));
     EXPECT_TRUE(std::filesystem::exists(killedFolder));
     EXPECT_EQ(Run({"--no-service", "true"}), 0);
