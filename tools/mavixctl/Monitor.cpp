@@ -55,13 +55,6 @@ std::vector<std::string> Rules() {
     return rules;
 }
 
-bool IsServiceName(const std::string& name) {
-    for (const MavixSim::Role& role : MavixSim::Roles())
-        if (std::find(role.busNames.begin(), role.busNames.end(), name) != role.busNames.end())
-            return true;
-    return false;
-}
-
 MavixTraffic::TCPairing::Limits PairingLimits(const TSMonitorOptions& options) {
     MavixTraffic::TCPairing::Limits limits;
     limits.longestWaitUs = static_cast<std::uint64_t>(options.replySeconds * 1e6);
@@ -182,7 +175,7 @@ void TCMonitor::m_TakeUp(sd_bus_message* raw) {
     // Everything behind it has come too late.
     if (message.kind == Kind::Other || m_markSeen)
         return;
-    if (message.kind == Kind::Owner && message.owner.name.front() == ':') {
+    if (message.kind == Kind::Owner && message.owner.name.rfind(':', 0) == 0) {
         // Asked before it says anything, for it may be gone by then.
         if (!message.owner.newOwner.empty())
             m_peers.Want(message.owner.name);
@@ -190,7 +183,7 @@ void TCMonitor::m_TakeUp(sd_bus_message* raw) {
             m_peers.Forget(message.owner.name);
         return;
     }
-    if (message.kind == Kind::Owner && !IsServiceName(message.owner.name))
+    if (message.kind == Kind::Owner && !MavixTraffic::IsServiceName(message.owner.name))
         return;
     m_peers.Want(PeerOf(message));
     m_heldBytes += message.payloadSize;
@@ -227,14 +220,25 @@ void TCMonitor::m_Handle(const Held& held) {
     }
 }
 
+template <class Write>
+void TCMonitor::m_Record(std::uint64_t number, const Write& write) {
+    if (!m_recording)
+        return;
+    try {
+        write(*m_recording);
+    } catch (const std::invalid_argument& error) {
+        PrintError(fmt::format("#{} is not recorded: {}", number, error.what()));
+    }
+}
+
 void TCMonitor::m_HandleCall(const Held& held) {
     const Message& message = held.message;
     const TSProcess& caller = m_peers.Find(message.sender);
     WaitingCall call;
     call.number = ++m_lastNumber;
     call.isSelected = m_options.filter.TakesCall(message, caller);
-    if (call.isSelected && m_recording)
-        m_recording->AddCall(message, call.number);
+    if (call.isSelected)
+        m_Record(call.number, [&](auto& recording) { recording.AddCall(message, call.number); });
     if (call.isSelected && m_options.filter.TakesType("call")) {
         m_view.PrintCall(message, {call.number, &caller});
         ++m_printed;
@@ -260,8 +264,7 @@ void TCMonitor::m_HandleReply(const Held& held) {
     const std::uint64_t number = ++m_lastNumber;
     if (!call->isSelected)
         return;
-    if (m_recording)
-        m_recording->AddReply(held.raw.get(), message, call->number);
+    m_Record(number, [&](auto& recording) { recording.AddReply(held.raw.get(), message, call->number); });
     if (m_options.filter.TakesType(MavixTraffic::KindName(message.kind))) {
         m_view.PrintReply(message, *call, {number, &m_peers.Find(message.sender)});
         ++m_printed;
@@ -274,8 +277,7 @@ void TCMonitor::m_HandleEvent(const Held& held) {
     const std::uint64_t number = ++m_lastNumber;
     if (!m_options.filter.TakesEvent(message, emitter))
         return;
-    if (m_recording)
-        m_recording->AddEvent(held.raw.get(), message);
+    m_Record(number, [&](auto& recording) { recording.AddEvent(held.raw.get(), message); });
     if (m_options.filter.TakesType("event", &message)) {
         m_view.PrintEvent(message, {number, &emitter});
         ++m_printed;
@@ -288,8 +290,7 @@ void TCMonitor::m_HandleOwner(const Held& held) {
     const std::uint64_t number = ++m_lastNumber;
     if (!m_options.filter.TakesOwner(m_peers.Find(message.owner.oldOwner), newOwner))
         return;
-    if (m_recording)
-        m_recording->AddOwner(message);
+    m_Record(number, [&](auto& recording) { recording.AddOwner(message); });
     if (m_options.filter.TakesType("owner")) {
         m_view.PrintOwner(message, {number, &newOwner});
         ++m_printed;

@@ -52,6 +52,9 @@ private:
     void m_HandleEvent(const Held& held);
     void m_HandleOwner(const Held& held);
     void m_HandleTimeOuts();
+    // What a recording cannot hold is left out of it, and told.
+    template <class Write>
+    void m_Record(std::uint64_t number, const Write& write);
     void m_Wait();
     bool m_IsFull() const { return m_options.count != 0 && m_printed >= m_options.count; }
     // What has passed before the end was asked for is still printed.

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <stdexcept>
+#include <system_error>
 
 namespace MavixTraffic {
 
@@ -13,7 +14,10 @@ using Json = nlohmann::json;
 
 namespace {
 
-// What the bus allows of arrays and structures in each other.
+// What the bus allows: arrays in arrays and structures in structures of one signature, its length, and values
+// in each other.
+constexpr int deepestTypes = 32;
+constexpr std::size_t longestSignature = 255;
 constexpr int deepest = 64;
 
 template <class Number>
@@ -85,8 +89,7 @@ Json ReadValue(sd_bus_message* message, char type, const char* contents) {
     case 'g':
         return ReadText(message, type);
     case 'h':
-        Check(sd_bus_message_skip(message, "h"), "skip a descriptor");
-        return nullptr;
+        throw std::invalid_argument("it holds a descriptor");
     default:
         return ReadContainer(message, type, contents);
     }
@@ -97,32 +100,37 @@ bool IsBasic(char type) {
 }
 
 // Passes over one complete type; false when there is none that can be written.
-bool PassType(const std::string& signature, std::size_t& at, int depth) {
+bool PassType(const std::string& signature, std::size_t& at, int arrays = 0, int structures = 0) {
     const char type = at < signature.size() ? signature[at++] : '\0';
     if (IsBasic(type) || type == 'v')
         return true;
-    if (depth >= deepest)
+    if (arrays + (type == 'a' ? 1 : 0) > deepestTypes)
+        return false;
+    if (type == 'a' && (at >= signature.size() || signature[at] != '{'))
+        return PassType(signature, at, arrays + 1, structures);
+    if (structures + 1 > deepestTypes)
         return false;
     if (type == 'a') {
-        if (at >= signature.size() || signature[at] != '{')
-            return PassType(signature, at, depth + 1);
         ++at;
-        return at < signature.size() && IsBasic(signature[at++]) && PassType(signature, at, depth + 1) &&
-               at < signature.size() && signature[at++] == '}';
+        return at < signature.size() && IsBasic(signature[at++]) &&
+               PassType(signature, at, arrays + 1, structures + 1) && at < signature.size() &&
+               signature[at++] == '}';
     }
     if (type != '(')
         return false;
     do {
-        if (!PassType(signature, at, depth + 1))
+        if (!PassType(signature, at, arrays, structures + 1))
             return false;
     } while (at < signature.size() && signature[at] != ')');
     return at++ < signature.size();
 }
 
 bool IsSignature(const std::string& signature) {
+    if (signature.size() > longestSignature)
+        return false;
     std::size_t at = 0;
     while (at < signature.size())
-        if (!PassType(signature, at, 0))
+        if (!PassType(signature, at))
             return false;
     return true;
 }
@@ -161,7 +169,7 @@ private:
         // The braces of a dictionary entry stand in an array only, so no type starts with them.
         const bool isEntry = m_signature[start] == '{';
         std::size_t at = isEntry ? start - 1 : start;
-        PassType(m_signature, at, 0);
+        PassType(m_signature, at);
         return at;
     }
 
@@ -244,7 +252,7 @@ private:
             m_Fail("not an object of signature and value");
         const auto& contents = value["signature"].get_ref<const std::string&>();
         std::size_t at = 0;
-        if (!PassType(contents, at, depth) || at != contents.size())
+        if (!PassType(contents, at) || at != contents.size())
             m_Fail("a variant of signature '" + contents + "'");
         m_Open('v', contents);
         TCBodyWriter inside(m_message, contents);
@@ -306,9 +314,13 @@ private:
 } // namespace
 
 Json ReadBody(sd_bus_message* message) {
-    Json arguments = ReadValues(message);
-    Check(sd_bus_message_rewind(message, 1), "rewind a message");
-    return arguments;
+    try {
+        Json arguments = ReadValues(message);
+        Check(sd_bus_message_rewind(message, 1), "rewind a message");
+        return arguments;
+    } catch (const std::system_error& error) {
+        throw std::invalid_argument(std::string("cannot ") + error.what());
+    }
 }
 
 void AppendBody(sd_bus_message* message, const std::string& signature, const Json& arguments) {

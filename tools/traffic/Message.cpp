@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <system_error>
 
 namespace MavixTraffic {
 
@@ -20,19 +21,18 @@ const char* const busInterface = "org.freedesktop.DBus";
 const char* const ownerMember = "NameOwnerChanged";
 constexpr unsigned wellFormed = 1;
 
-bool IsServiceName(const std::string& name) {
+// The process that serves the bus name; null for any other name.
+const MavixSim::Role* FindRole(const std::string& name) {
     for (const MavixSim::Role& role : MavixSim::Roles())
         if (std::find(role.busNames.begin(), role.busNames.end(), name) != role.busNames.end())
-            return true;
-    return false;
+            return &role;
+    return nullptr;
 }
 
 // The process that serves the destination; the one that serves most for any other.
 const MavixSim::Role& RoleOf(const std::string& destination) {
-    for (const MavixSim::Role& role : MavixSim::Roles())
-        if (std::find(role.busNames.begin(), role.busNames.end(), destination) != role.busNames.end())
-            return role;
-    return MavixSim::Roles().front();
+    const MavixSim::Role* role = FindRole(destination);
+    return role != nullptr ? *role : MavixSim::Roles().front();
 }
 
 bool IsServiceCall(const Message& message) {
@@ -183,6 +183,10 @@ void DecodeBody(sd_bus_message* message, Message& decoded) {
 
 } // namespace
 
+bool IsServiceName(const std::string& name) {
+    return FindRole(name) != nullptr;
+}
+
 const char* KindName(Kind kind) {
     switch (kind) {
     case Kind::Call:
@@ -218,6 +222,9 @@ Message Decode(sd_bus_message* message, std::uint64_t atUs) {
         DecodeBody(message, decoded);
     } catch (const Refusal& refusal) {
         decoded.deviation = refusal.what();
+    } catch (const std::system_error& error) {
+        // Buses pass on texts, such as one with U+FFFE, that the bus library does not hand out.
+        decoded.deviation = std::string("cannot ") + error.what();
     }
     Check(sd_bus_message_rewind(message, 1), "rewind a message");
     return decoded;

@@ -20,6 +20,9 @@ enum class Kind {
     Other
 };
 
+// Whether it is one of the service's bus names.
+bool IsServiceName(const std::string& name);
+
 // The word for a kind, as filters and outputs have it.
 const char* KindName(Kind kind);
 

@@ -15,7 +15,8 @@ public:
     // `program` is named in the header. Throws std::system_error when the file cannot be made.
     TCRecordingWriter(const std::string& path, const std::string& program, std::uint64_t startUs);
 
-    // A call under its number, by which its reply names it.
+    // A call under its number, by which its reply names it. What a recording cannot hold is not written, and
+    // thrown as std::invalid_argument.
     void AddCall(const Message& message, std::uint64_t number);
     void AddReply(sd_bus_message* raw, const Message& message, std::uint64_t callNumber);
     void AddEvent(sd_bus_message* raw, const Message& message);

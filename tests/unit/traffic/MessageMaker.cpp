@@ -1,6 +1,7 @@
 #include "MessageMaker.h"
 
 #include <cstdarg>
+#include <cstring>
 #include <sys/socket.h>
 
 namespace MavixTest {
@@ -30,6 +31,15 @@ void TCMessageMaker::Append(sd_bus_message* message, const char* types, ...) {
 
 void TCMessageMaker::AppendBytes(sd_bus_message* message, const Bytes& bytes) {
     Check(sd_bus_message_append_array(message, 'y', bytes.data(), bytes.size()), "append bytes");
+}
+
+void TCMessageMaker::SpoilText(const MessageHandle& message, const char* typesBefore) {
+    if (*typesBefore != '\0')
+        Check(sd_bus_message_skip(message.get(), typesBefore), "skip");
+    const char* text = nullptr;
+    Check(sd_bus_message_read_basic(message.get(), 's', &text), "read a text");
+    std::memcpy(const_cast<char*>(text), "\xEF\xBF\xBE", 3);
+    Check(sd_bus_message_rewind(message.get(), 1), "rewind");
 }
 
 MessageHandle TCMessageMaker::m_Seal(sd_bus_message* message, const Fill& fill) {

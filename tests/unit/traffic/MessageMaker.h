@@ -38,6 +38,9 @@ public:
 
     static void Append(sd_bus_message* message, const char* types, ...);
     static void AppendBytes(sd_bus_message* message, const Bytes& bytes);
+    // Puts U+FFFE in the place of the first bytes of a text behind arguments of these types. Buses pass it
+    // on, the bus library neither appends nor hands it out.
+    static void SpoilText(const MavixSim::MessageHandle& message, const char* typesBefore);
 
 private:
     MavixSim::MessageHandle m_Seal(sd_bus_message* message, const Fill& fill);

@@ -310,6 +310,34 @@ TEST(Message, SaysInWhatAnEventDeviates) {
     }
 }
 
+TEST(Message, WhoseTextTheBusLibraryDoesNotHandOutDeviates) {
+    const char* const deviation = "cannot read a string: Bad message";
+    TCMessageMaker maker;
+    const auto event = maker.Signal(EventEnvelope("Data"), [](sd_bus_message* made) {
+        TCMessageMaker::Append(made, "ss", "11", "handle");
+    });
+    TCMessageMaker::SpoilText(event, "s");
+    const Message decodedEvent = Decode(event.get(), 0);
+    EXPECT_EQ(decodedEvent.kind, Kind::Event);
+    EXPECT_EQ(decodedEvent.event.idText, "11");
+    EXPECT_EQ(decodedEvent.deviation, deviation);
+    const auto call = maker.Call({}, [](sd_bus_message* made) {
+        TCMessageMaker::Append(made, "iiis", 2 << 16 | 66, 0, 4711, "tour");
+    });
+    TCMessageMaker::SpoilText(call, "iii");
+    const Message decodedCall = Decode(call.get(), 0);
+    EXPECT_EQ(decodedCall.kind, Kind::Call);
+    EXPECT_EQ(decodedCall.call.pid, 4711);
+    EXPECT_EQ(decodedCall.deviation, deviation);
+    const auto error = maker.Error("com.norvale.Error.A",
+                                   [](sd_bus_message* made) { TCMessageMaker::Append(made, "s", "text"); });
+    TCMessageMaker::SpoilText(error, "");
+    const Message decodedError = Decode(error.get(), 0);
+    EXPECT_EQ(decodedError.kind, Kind::Error);
+    EXPECT_EQ(decodedError.reply.errorName, "com.norvale.Error.A");
+    EXPECT_EQ(decodedError.deviation, deviation);
+}
+
 TEST(Message, DecodesOwnerChanges) {
     TCMessageMaker maker;
     Envelope envelope;
