@@ -15,6 +15,8 @@ namespace MavixTraffic {
 inline constexpr const char* recordingFormat = "mavix-recording";
 inline constexpr int recordingVersion = 1;
 inline constexpr std::uint64_t largestRecording = std::uint64_t{256} * 1024 * 1024;
+// In all arguments together: each takes many times the memory of its text.
+inline constexpr std::uint64_t mostValues = std::uint64_t{4} * 1024 * 1024;
 
 // The byte order of numbers inside payloads.
 const char* ByteOrder();

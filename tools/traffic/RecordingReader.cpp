@@ -105,12 +105,24 @@ public:
     Recording Take() { return std::move(m_recording); }
 
 private:
-    static Json m_Parse(const std::string& text) {
+    Json m_Parse(const std::string& text) {
+        // The line's members and their arguments, and in these what messages can nest.
+        constexpr int deepest = 2 + 64;
+        const auto count = [this](int depth, Json::parse_event_t /*event*/, Json& /*value*/) {
+            if (depth > deepest)
+                throw std::invalid_argument("nested deeper than a message can be");
+            if (depth > 1 && ++m_values > mostValues)
+                throw std::invalid_argument("the recording has more than " + std::to_string(mostValues) +
+                                            " values");
+            return true;
+        };
         Json values;
         try {
-            values = Json::parse(text);
+            values = Json::parse(text, count);
         } catch (const Json::parse_error& error) {
             throw std::invalid_argument("not JSON from byte " + std::to_string(error.byte) + " on");
+        } catch (const Json::out_of_range&) {
+            throw std::invalid_argument("a number that is too large");
         }
         if (!values.is_object())
             throw std::invalid_argument("not a JSON object");
@@ -260,6 +272,7 @@ private:
     std::map<std::uint64_t, std::size_t> m_calls; // by number
     TCDigest m_digest;
     std::uint64_t m_entries = 0;
+    std::uint64_t m_values = 0;
     std::size_t m_line = 0;
     std::uint64_t m_lastUs = 0;
     bool m_started = false;

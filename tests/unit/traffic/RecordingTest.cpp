@@ -139,7 +139,7 @@ TEST_F(RecordingFile, IsReadWithoutADigestWhenSomebodyHasEditedIt) {
 
 struct DamageRow {
     std::string text;
-    const char* complaint;
+    std::string complaint;
 };
 
 TEST_F(RecordingFile, IsRefusedWithThePositionOfTheDamage) {
@@ -203,12 +203,20 @@ TEST_F(RecordingFile, IsRefusedWithThePositionOfTheDamage) {
          "line 3: 'no' cannot be the name of an error"},
         {header + call + Replace(reply, "\"kind\":\"reply\"", "\"kind\":\"error\""),
          "line 3: 'name' is missing"},
+        {header + call + Replace(reply, "[1,2,", "[1e999,2,"), "line 3: a number that is too large"},
+        {header + Replace(call, "\"at\":5", "\"at\":-1e999"), "line 2: a number that is too large"},
+        {header + Replace(call, "\"at\":5", "\"at\":99999999999999999999"),
+         "line 2: 'at' is not a number that fits"},
+        {header + call + Replace(reply, "[1,2,", std::string(100, '[')),
+         "line 3: nested deeper than a message can be"},
+        {header + call + Replace(Replace(reply, "yiay", std::string(256, 'y')), "[1,2,\"6162\"]", "[]"),
+         "line 3: '" + std::string(256, 'y') + "' is no signature that can be replayed"},
         {header + call + Replace(reply, "6162", "\xff"), "line 3: not JSON from byte 70 on"},
     };
     for (const DamageRow& row : rows) {
         Write(row.text);
         const std::string complaint = Complaint();
-        if (std::string(row.complaint).find("digest") != std::string::npos)
+        if (row.complaint.find("digest") != std::string::npos)
             EXPECT_EQ(complaint.rfind(row.complaint, 0), 0u) << complaint;
         else
             EXPECT_EQ(complaint, row.complaint) << row.text;
@@ -243,6 +251,35 @@ TEST_F(RecordingFile, LargerThanMemoryShouldHoldIsRefusedAtTheLineThatIsTooMuch)
               "line 4: the recording is larger than " + std::to_string(whole.size() - 1) + " bytes");
     EXPECT_EQ(Complaint(header.size() + 3),
               "line 2: the recording is larger than " + std::to_string(header.size() + 3) + " bytes");
+}
+
+TEST_F(RecordingFile, WithMoreValuesThanMemoryShouldHoldIsRefusedAtTheLineThatIsTooMuch) {
+    std::string values = "[";
+    for (std::uint64_t i = 0; i < mostValues / 2; ++i)
+        values += "0,";
+    values.back() = ']';
+    const std::string line = Replace(Replace(reply, "yiay", "ay"), "[1,2,\"6162\"]", values);
+    Write(header + call + Replace(line, "ay", "an"));
+    EXPECT_EQ(Complaint(), "line 3: argument 0: not an array");
+    Write(header + call + Replace(Replace(line, "ay", "an"), values, "[" + values + "," + values + "]"));
+    EXPECT_EQ(Complaint(), "line 3: the recording has more than 4194304 values");
+}
+
+TEST_F(RecordingFile, LeavesOutWhatItCannotHoldAndStaysWhole) {
+    TCMessageMaker maker;
+    TCRecordingWriter writer(m_path, "test", 0);
+    Envelope signal;
+    signal.path = MavixSim::signalPath;
+    signal.interface = MavixSim::signalInterface;
+    signal.member = "Data";
+    const auto madeEvent =
+        maker.Signal(signal, [](sd_bus_message* made) { TCMessageMaker::Append(made, "s", "text"); });
+    const Message message = Decode(madeEvent.get(), 1);
+    writer.AddEvent(madeEvent.get(), message);
+    TCMessageMaker::SpoilText(madeEvent, "");
+    EXPECT_THROW(writer.AddEvent(madeEvent.get(), message), std::invalid_argument);
+    writer.Finish();
+    ASSERT_EQ(ReadRecording(m_path).events.size(), 1u);
 }
 
 TEST_F(RecordingFile, ThatCannotBeReadIsRefused) {
