@@ -4,6 +4,8 @@
 #include "Output.h"
 
 #include <exception>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace MavixControl {
 
@@ -61,6 +63,15 @@ int ReportUsage(const CLI::App& application, const CLI::ParseError& error) {
     return WrongUsage;
 }
 
+// Without one of the three streams, a file or socket that we open would take its place, and what we print
+// would go there.
+void KeepStreams() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (::fcntl(stream, F_GETFD) < 0)
+            // The other direction: reading and writing fail as before.
+            ::open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+}
+
 int Run(int argc, char** argv) {
     int exitCode = Done;
     TSSettings settings;
@@ -92,6 +103,7 @@ int Run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     using namespace MavixControl;
+    KeepStreams();
     ReportAborts();
     int exitCode = Refused;
     try {
