@@ -12,7 +12,7 @@
 #include <fmt/format.h>
 #include <mavix-api/IpcClientInstance.h>
 #include <memory>
-#include <mutex>
+#include <system_error>
 #include <thread>
 
 namespace MavixControl {
@@ -36,11 +36,16 @@ struct Worker {
 class TCBenchCommand final {
 public:
     explicit TCBenchCommand(const TSSettings& settings) : m_settings(settings) {}
+    TCBenchCommand(const TCBenchCommand&) = delete;
+    TCBenchCommand& operator=(const TCBenchCommand&) = delete;
+    ~TCBenchCommand() { m_Stop(); }
 
     void AddOptions(CLI::App& command);
     EExitCode Run();
 
 private:
+    void m_Start(Clock::time_point end);
+    void m_Stop();
     void m_Call(Worker& worker, Clock::time_point end) const;
     void m_ShowProgress(Clock::time_point start, Clock::time_point end, const TCBusLink& link);
     void m_Print(const TCHistogram& times, std::uint64_t failures, double seconds) const;
@@ -54,7 +59,8 @@ private:
     double m_seconds = 5;
     double m_waitSeconds = 0;
     std::string m_bus;
-    std::atomic<bool> m_isBusGone{false};
+    bool m_isBusGone = false;
+    std::atomic<bool> m_isStopped{false};
     std::vector<std::unique_ptr<Worker>> m_workers;
 };
 
@@ -76,13 +82,32 @@ void TCBenchCommand::AddOptions(CLI::App& command) {
         ->check(Seconds());
 }
 
+void TCBenchCommand::m_Start(Clock::time_point end) {
+    for (unsigned int i = 0; i < m_threads; ++i) {
+        Worker& worker = *m_workers.emplace_back(std::make_unique<Worker>());
+        try {
+            worker.thread = std::thread([this, &worker, end] { m_Call(worker, end); });
+        } catch (const std::system_error& error) {
+            throw TCFailure(Refused, fmt::format("--threads: thread {} of {} cannot be started: {}", i + 1,
+                                                 m_threads, error.code().message()));
+        }
+    }
+}
+
+void TCBenchCommand::m_Stop() {
+    m_isStopped = true;
+    for (const auto& worker : m_workers)
+        if (worker->thread.joinable())
+            worker->thread.join();
+}
+
 void TCBenchCommand::m_Call(Worker& worker, Clock::time_point end) const {
     const auto client = TCIpcClientInstance::GetInstance();
     TCMessageBuffer request;
     request.Resize(static_cast<unsigned int>(m_size));
     TCMessageBuffer reply;
     Clock::time_point before = Clock::now();
-    while (before < end && !m_isBusGone) {
+    while (before < end && !m_isStopped) {
         const TCErrorLines lines;
         reply.Clean();
         const bool succeeded = client->Call(m_interface, m_code, request, reply);
@@ -134,16 +159,13 @@ EExitCode TCBenchCommand::Run() {
     const Clock::time_point start = Clock::now();
     const Clock::time_point end =
         start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(m_seconds));
-    for (unsigned int i = 0; i < m_threads; ++i) {
-        Worker& worker = *m_workers.emplace_back(std::make_unique<Worker>());
-        worker.thread = std::thread([this, &worker, end] { m_Call(worker, end); });
-    }
+    m_Start(end);
     m_ShowProgress(start, end, link);
+    m_Stop();
     TCHistogram times;
     std::uint64_t failures = 0;
     std::string firstFailure;
     for (const auto& worker : m_workers) {
-        worker->thread.join();
         times.Add(worker->times);
         failures += worker->failures;
         firstFailure = firstFailure.empty() ? worker->firstFailure : firstFailure;

@@ -101,6 +101,23 @@ TEST_F(ControlBench, CountsFailures) {
         << result.errors;
 }
 
+TEST_F(ControlBench, SaysThatItGetsNoMoreThreads) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "sanitizers need more memory than the limit leaves";
+#endif
+    // Room for a few threads of half a gigabyte, of which none is used.
+    const ControlResult result =
+        RunControl({"bench", interface, "1", "--threads", "64", "--seconds", "1000"},
+                   TCControlProgram::Options::Behind("ulimit -s 524288; ulimit -v 4194304; exec \"$@\""));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "");
+    EXPECT_TRUE(std::regex_match(
+        result.errors,
+        std::regex("mavixctl: --threads: thread [2-8] of 64 cannot be started: Resource temporarily "
+                   "unavailable\n")))
+        << result.errors;
+}
+
 TEST_F(ControlBench, EndsWithTheBus) {
     TCControlProgram program({"bench", interface, "1", "--seconds", "1000"});
     ASSERT_GE(m_daemon.WaitForRecords(20).size(), 20u);

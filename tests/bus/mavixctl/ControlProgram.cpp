@@ -50,6 +50,12 @@ nlohmann::json ControlResult::Object() const {
     return objects.front();
 }
 
+TCControlProgram::Options TCControlProgram::Options::Behind(const std::string& script) {
+    Options options;
+    options.launcher = {"sh", "-c", script, "sh"};
+    return options;
+}
+
 TCControlProgram::TCControlProgram(const Words& arguments, const Options& options)
     : m_process(Start(m_folder.Path(), arguments, options)) {}
 

@@ -36,6 +36,9 @@ public:
         std::vector<std::pair<std::string, std::string>> environment;
         // Put in front: a program that runs the rest of its arguments.
         Words launcher;
+
+        // Runs it behind a shell's redirections or limits.
+        static Options Behind(const std::string& script);
     };
 
     explicit TCControlProgram(const Words& arguments) : TCControlProgram(arguments, Options()) {}
