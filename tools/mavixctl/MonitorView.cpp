@@ -154,7 +154,7 @@ void TCMonitorView::m_AppendEnd(std::string& text, const Message& message) const
             m_wholePayloads ? message.payloadSize : std::min(message.payloadSize, bytesShown);
         text += fmt::format("\n    payload, {} bytes{}\n", message.payloadSize,
                             shown < message.payloadSize ? fmt::format(", of which {} are shown", shown) : "");
-        MavixTraffic::AppendDump(text, message.payload, shown, "      ");
+        MavixTraffic::AppendDump(text, message.payload, shown, "      ", Faint);
         text.pop_back();
     }
     PrintLine(text);

@@ -1,5 +1,6 @@
 #include "Output.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -30,6 +31,40 @@ const char* Sequence(EColour colour) {
     return "";
 }
 
+bool IsContinuation(char letter) {
+    return (static_cast<unsigned char>(letter) & 0xC0U) == 0x80;
+}
+
+// How many bytes of UTF-8 stand at the beginning as one character that does not steer a terminal; 0 when they
+// are anything else.
+std::size_t LengthOfCharacter(std::string_view text) {
+    const auto first = static_cast<unsigned char>(text.front());
+    if (first < 0x80)
+        return first >= ' ' && first != 0x7F ? 1 : 0;
+    const std::size_t length = first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : first < 0xF5 ? 4 : 0;
+    if (length == 0 || text.size() < length)
+        return 0;
+    if (!std::all_of(text.begin() + 1, text.begin() + length, IsContinuation))
+        return 0;
+    // U+0080 to U+009F are controls.
+    return first == 0xC2 && static_cast<unsigned char>(text[1]) < 0xA0 ? 0 : length;
+}
+
+// JSON itself demands no escapes for U+007F to U+009F.
+std::string WithoutControls(std::string json) {
+    // Looking for one at a time is many times faster, and there is hardly ever one.
+    if (json.find('\x7F') == std::string::npos && json.find('\xC2') == std::string::npos)
+        return json;
+    for (std::size_t at = 0; (at = json.find_first_of("\x7F\xC2", at)) != std::string::npos; ++at) {
+        const auto second = static_cast<unsigned char>(at + 1 < json.size() ? json[at + 1] : 0);
+        if (json[at] == '\x7F')
+            json.replace(at, 1, "\\u007f");
+        else if (second >= 0x80 && second < 0xA0)
+            json.replace(at, 2, fmt::format("\\u{:04x}", second));
+    }
+    return json;
+}
+
 } // namespace
 
 void PrintLine(std::string_view line) {
@@ -38,7 +73,7 @@ void PrintLine(std::string_view line) {
 }
 
 void PrintJson(const Json& value) {
-    PrintLine(value.dump(-1, ' ', false, Json::error_handler_t::replace));
+    PrintLine(WithoutControls(value.dump(-1, ' ', false, Json::error_handler_t::replace)));
 }
 
 void PrintError(std::string_view text) {
@@ -55,18 +90,23 @@ std::string Paint(EColour colour, std::string_view text) {
     return HasColours() ? fmt::format("{}{}\033[0m", Sequence(colour), text) : std::string(text);
 }
 
+std::string Faint(std::string_view text) {
+    return Paint(EColour::Faint, text);
+}
+
 std::string Printable(std::string_view text) {
     std::string printable;
-    for (const char letter : text) {
-        const auto byte = static_cast<unsigned char>(letter);
-        if (letter == '\n')
+    while (!text.empty()) {
+        const std::size_t length = LengthOfCharacter(text);
+        if (text.front() == '\n')
             printable += "\\n";
-        else if (letter == '\\')
+        else if (text.front() == '\\')
             printable += "\\\\";
-        else if (byte < ' ' || byte == 0x7F)
-            printable += fmt::format("\\x{:02x}", byte);
+        else if (length == 0)
+            printable += fmt::format("\\x{:02x}", static_cast<unsigned char>(text.front()));
         else
-            printable += letter;
+            printable += text.substr(0, length);
+        text.remove_prefix(std::max<std::size_t>(length, 1));
     }
     return printable;
 }

@@ -14,7 +14,7 @@ using Json = nlohmann::ordered_json;
 
 // The results go to standard output, everything else to standard error.
 void PrintLine(std::string_view line);
-// One object a line; bytes that are no UTF-8 are replaced.
+// One object a line; bytes that are no UTF-8 are replaced, and what steers a terminal is escaped.
 void PrintJson(const Json& value);
 void PrintError(std::string_view text);
 
@@ -26,7 +26,10 @@ bool IsTerminal(std::FILE* stream);
 enum class EColour { Name, Good, Bad, Faint };
 std::string Paint(EColour colour, std::string_view text);
 
-// What a peer sent, made fit for a terminal: everything that steers one is shown as an escape.
+std::string Faint(std::string_view text);
+
+// What a peer sent, made fit for a terminal: everything that steers one, and what is no UTF-8, is shown as an
+// escape.
 std::string Printable(std::string_view text);
 
 // Writes what is left; false when not all of it could be written.

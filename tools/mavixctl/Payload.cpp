@@ -109,16 +109,8 @@ Json ReadNumber(std::string_view bytes) {
     }
 }
 
-std::string DumpLine(std::string_view bytes, std::size_t offset) {
-    constexpr std::size_t half = 8;
-    std::string digits;
-    std::string letters;
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(bytes[i]);
-        digits += fmt::format("{}{:02x}", i == half ? "  " : " ", byte);
-        letters += byte >= ' ' && byte < 0x7F ? bytes[i] : '.';
-    }
-    return fmt::format("{:08x} {:<49}  {}", offset, digits, Paint(EColour::Faint, "|" + letters + "|"));
+const std::uint8_t* Bytes(std::string_view text) {
+    return reinterpret_cast<const std::uint8_t*>(text.data());
 }
 
 } // namespace
@@ -160,7 +152,7 @@ std::string_view BytesOf(const TCMessageBuffer& payload) {
 }
 
 std::string HexText(std::string_view bytes) {
-    return MavixTraffic::ToHex(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+    return MavixTraffic::ToHex(Bytes(bytes), bytes.size());
 }
 
 void TCPayloadView::AddOptions(CLI::App& command) {
@@ -225,11 +217,13 @@ TCPayloadView::Decoded TCPayloadView::Decode(std::string_view payload) const {
 
 bool TCPayloadView::Print(std::string_view payload, std::string_view indent) const {
     if (m_fields.empty()) {
-        constexpr std::size_t bytesALine = 16;
+        std::string text;
         if (m_inHex)
-            PrintLine(fmt::format("{}{}", indent, HexText(payload)));
-        for (std::size_t at = 0; at < payload.size() && !m_inHex; at += bytesALine)
-            PrintLine(fmt::format("{}{}", indent, DumpLine(payload.substr(at, bytesALine), at)));
+            text = fmt::format("{}{}\n", indent, HexText(payload));
+        else
+            MavixTraffic::AppendDump(text, Bytes(payload), payload.size(), indent, Faint);
+        if (!text.empty())
+            PrintLine(std::string_view(text).substr(0, text.size() - 1));
         return true;
     }
     const Decoded decoded = Decode(payload);

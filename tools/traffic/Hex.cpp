@@ -64,7 +64,8 @@ std::string ToPrintable(const std::uint8_t* bytes, std::size_t size) {
     return text;
 }
 
-void AppendDump(std::string& text, const std::uint8_t* bytes, std::size_t size, const char* indent) {
+void AppendDump(std::string& text, const std::uint8_t* bytes, std::size_t size, std::string_view indent,
+                Paint paint) {
     for (std::size_t start = 0; start < size; start += bytesARow) {
         const std::size_t count = std::min(bytesARow, size - start);
         text += indent;
@@ -78,9 +79,10 @@ void AppendDump(std::string& text, const std::uint8_t* bytes, std::size_t size, 
             else
                 text += "  ";
         }
-        text += "  |";
-        text += ToPrintable(bytes + start, count);
-        text += "|\n";
+        const std::string letters = "|" + ToPrintable(bytes + start, count) + "|";
+        text += "  ";
+        text += paint != nullptr ? paint(letters) : letters;
+        text += '\n';
     }
 }
 

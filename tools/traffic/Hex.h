@@ -19,8 +19,12 @@ std::optional<std::vector<std::uint8_t>> FromTypedHex(std::string_view text);
 // What of the bytes is printable ASCII; a dot for every other byte.
 std::string ToPrintable(const std::uint8_t* bytes, std::size_t size);
 
+// Gives a part of a row its colour.
+using Paint = std::string (*)(std::string_view text);
+
 // Bytes in rows of offset, hexadecimal and printable text, each row after `indent` and before a line feed.
-void AppendDump(std::string& text, const std::uint8_t* bytes, std::size_t size, const char* indent);
+void AppendDump(std::string& text, const std::uint8_t* bytes, std::size_t size, std::string_view indent,
+                Paint paint = nullptr);
 
 } // namespace MavixTraffic
 

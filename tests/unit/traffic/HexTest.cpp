@@ -38,6 +38,9 @@ TEST(Hex, ShowsBytesInRowsOfSixteen) {
     text.clear();
     AppendDump(text, nullptr, 0, "  ");
     EXPECT_EQ(text, "");
+    AppendDump(text, reinterpret_cast<const std::uint8_t*>(bytes.data()), 2, "",
+               [](std::string_view letters) { return "<" + std::string(letters) + ">"; });
+    EXPECT_EQ(text, "00000000  49 73                                             <|Is|>\n");
 }
 
 } // namespace
