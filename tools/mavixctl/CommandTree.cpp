@@ -33,7 +33,7 @@ void Add(CLI::App& command, const std::string& path, std::vector<TSCommand>& all
     }
     const auto commands = command.get_subcommands([](const CLI::App*) { return true; });
     for (const CLI::App* own : commands)
-        described.commands.push_back(own->get_name());
+        described.commands.emplace_back(own->get_name(), own->get_description());
     all.push_back(described);
     for (CLI::App* own : commands)
         Add(*own, path + " " + own->get_name(), all);

@@ -4,6 +4,7 @@
 #include "Command.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace MavixControl {
@@ -26,7 +27,8 @@ struct TSCommand {
     std::string footer;
     std::vector<TSOption> arguments;
     std::vector<TSOption> options;
-    std::vector<std::string> commands; // its own, by their names
+    // Its own, by their names, with their descriptions.
+    std::vector<std::pair<std::string, std::string>> commands;
 };
 
 // The program and all its commands, each before its own; hidden options are left out.

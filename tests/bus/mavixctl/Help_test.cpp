@@ -1,4 +1,4 @@
-#include "ControlProgram.h"
+#include "CommandHelp.h"
 
 #include "TempFolder.h"
 
@@ -38,43 +38,6 @@ Words Split(const std::string& text) {
     return {std::istream_iterator<std::string>(stream), {}};
 }
 
-// The commands of a help text, or its options.
-Words Listed(const std::string& help, const char* pattern) {
-    Words found;
-    const std::regex line(pattern);
-    for (std::sregex_iterator at(help.begin(), help.end(), line), end; at != end; ++at)
-        found.push_back((*at)[1]);
-    return found;
-}
-
-Words CommandsIn(const std::string& help) {
-    const std::size_t at = help.find("Subcommands:");
-    return at == std::string::npos ? Words() : Listed(help.substr(at), "\n  ([a-z]+) ");
-}
-
-// Calls `visit` with every command, as the words behind the program's name, and its help.
-template <class Visit>
-void ForEachCommand(const Words& command, const Visit& visit) {
-    Words words = command;
-    words.emplace_back("--help");
-    const ControlResult help = RunControl(words);
-    EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(help.errors, "");
-    visit(command, help.output);
-    for (const std::string& own : CommandsIn(help.output)) {
-        Words below = command;
-        below.push_back(own);
-        ForEachCommand(below, visit);
-    }
-}
-
-std::string Join(const Words& words) {
-    std::string text = "mavixctl";
-    for (const std::string& word : words)
-        text += " " + word;
-    return text;
-}
-
 TEST(Help, EveryCommandHasAnExampleOfItself) {
     int commands = 0;
     ForEachCommand({}, [&](const Words& command, const std::string& help) {
@@ -83,9 +46,7 @@ TEST(Help, EveryCommandHasAnExampleOfItself) {
         ++commands;
         EXPECT_NE(help.find("Example:\n  "), std::string::npos) << Join(command);
         EXPECT_NE(help.find(Join(command), help.find("Example:\n")), std::string::npos) << Join(command);
-        if (command[0] != "completion") {
-            EXPECT_NE(help.find("--json "), std::string::npos) << Join(command);
-        }
+        EXPECT_NE(help.find("--json "), std::string::npos) << Join(command);
     });
     EXPECT_GE(commands, 16);
 }
@@ -103,7 +64,7 @@ TEST(Completion, BashOffersWhatTheHelpLists) {
     const std::string completion = RunControl({"completion", "bash"}).output;
     ForEachCommand({}, [&](const Words& command, const std::string& help) {
         Words expected = CommandsIn(help);
-        const Words options = Listed(help, "\n  (?:-[a-z],)?(--[a-z-]+)");
+        const Words options = OptionsIn(help);
         EXPECT_FALSE(options.empty());
         expected.insert(expected.end(), options.begin(), options.end());
         Words words = command;
@@ -133,7 +94,7 @@ TEST(Completion, BashCompletesTheWordAtTheCursor) {
         {{"listen", "PES"}, {"PESData"}},
         {{"listen", "Data", "--json", "Te"}, {"TextData"}},
         {{"listen", "Data", "--id", ""}, {}},
-        {{"completion", ""}, {"bash", "zsh", "fish", "--help"}},
+        {{"completion", ""}, {"bash", "zsh", "fish", "--help", "--json"}},
         {{"call", "com.norvale.IAVControl", "1", "--as"}, {"--async"}},
         {{"nonsense", "--x"}, {}},
     };
@@ -170,6 +131,14 @@ TEST(Help, AndRouteTakeLessThan30MillisecondsOfCpu) {
     }
 }
 
+TEST(Completion, IsTheSameAsAnObject) {
+    for (const char* shell : {"bash", "zsh", "fish"}) {
+        const nlohmann::json object = RunControl({"completion", shell, "--json"}).Object();
+        EXPECT_EQ(object,
+                  (nlohmann::json{{"shell", shell}, {"script", RunControl({"completion", shell}).output}}));
+    }
+}
+
 class CompletionOf : public testing::TestWithParam<const char*> {};
 
 TEST_P(CompletionOf, IsAcceptedByTheShell) {
@@ -198,7 +167,7 @@ TEST(Manual, TellsEveryCommandAndOption) {
         const std::string section = manual.output.substr(at, manual.output.find("\n.S", at + 1) - at);
         if (!CommandsIn(help).empty())
             return;
-        for (const std::string& option : Listed(help, "\n  (?:-[a-z],)?(--[a-z-]+)")) {
+        for (const std::string& option : OptionsIn(help)) {
             const std::string troff = std::regex_replace(option, std::regex("-"), "\\-");
             EXPECT_NE(section.find("\\fB" + troff + "\\fR"), std::string::npos)
                 << Join(command) << " " << option;
@@ -220,7 +189,7 @@ TEST(Page, TellsEveryCommandAndNoOptionThatIsNotThere) {
         if (command.size() == 1) {
             EXPECT_EQ(std::count(headings.begin(), headings.end(), command[0]), 1) << command[0];
         }
-        for (const std::string& option : Listed(help, "\n  (?:-[a-z],)?(--[a-z-]+)"))
+        for (const std::string& option : OptionsIn(help))
             options.push_back(option);
     });
     for (const std::string& option : Listed(page, "[`\\[ ](--[a-z-]*)"))
