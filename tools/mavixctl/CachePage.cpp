@@ -100,15 +100,17 @@ void TCCachePage::m_Read() {
 }
 
 bool TCCachePage::m_Walk(std::size_t place, std::size_t distance, unsigned int depth) {
-    // No sound tree of a page is as deep.
+    // No sound tree of a page is as deep or as large; damaged ones may lead to the same nodes again and
+    // again.
     constexpr unsigned int deepest = 32;
+    constexpr std::size_t mostNodes = cachePageSize / (Layout::leastUnits * Layout::alignment);
     const TCSegmentView view(m_page.data(), m_page.size());
     std::size_t node = 0;
     TCSegmentView::Object object;
     if (distance == Layout::nullPointer)
         return true;
-    if (depth > deepest || m_values.size() > cachePageSize / Layout::alignment ||
-        !view.NodeAt(place, distance, node) || !view.ObjectAt(node, object))
+    if (depth > deepest || ++m_nodes > mostNodes || !view.NodeAt(place, distance, node) ||
+        !view.ObjectAt(node, object))
         return false;
     const std::size_t left = node + Layout::left;
     const std::size_t right = node + Layout::right;

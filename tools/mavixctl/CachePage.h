@@ -59,6 +59,7 @@ private:
     TSCacheFile m_object;
     TSCacheFile m_lockFile;
     std::string m_page;
+    std::size_t m_nodes = 0;
     std::vector<TSCacheValue> m_values;
     EState m_state = EState::Absent;
 };

@@ -32,7 +32,7 @@ private:
 
     void m_Look();
     Values m_Watched(const TCCachePage& page) const;
-    bool m_IsDone() const { return m_count != 0 && m_seen >= m_count; }
+    bool m_IsDone() const { return m_isUnread || (m_count != 0 && m_seen >= m_count); }
     void m_Report(const char* change, const std::string& key, const std::string* value);
 
     const TSSettings& m_settings;
@@ -44,6 +44,7 @@ private:
     unsigned long m_count = 0;
     unsigned long m_seen = 0;
     bool m_isDecoded = true;
+    bool m_isUnread = false; // what is printed cannot be written
     std::optional<EState> m_state;
     Values m_values;
 };
@@ -65,19 +66,21 @@ void TCCacheWatch::AddOptions(CLI::App& command) {
 }
 
 EExitCode TCCacheWatch::Run() {
-    const auto interval = std::chrono::duration<double>(m_intervalSeconds);
-    const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                        std::chrono::duration<double>(m_timeoutSeconds.value_or(0)));
+    const auto after = [](double seconds) {
+        return Clock::now() +
+               std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    };
+    const Clock::time_point end = m_timeoutSeconds ? after(*m_timeoutSeconds) : Clock::time_point::max();
     m_Look();
     PrintError("watching");
     while (!m_IsDone()) {
-        if (m_timeoutSeconds && Clock::now() >= end) {
+        if (Clock::now() >= end) {
             if (m_count == 0)
                 break;
             throw TCFailure(Refused,
                             fmt::format("{} of {} changes came in {} s", m_seen, m_count, *m_timeoutSeconds));
         }
-        std::this_thread::sleep_for(interval);
+        std::this_thread::sleep_until(std::min(after(m_intervalSeconds), end));
         m_Look();
     }
     return m_isDecoded ? Done : Refused;
@@ -133,7 +136,7 @@ void TCCacheWatch::m_Report(const char* change, const std::string& key, const st
         if (value != nullptr)
             m_isDecoded = m_view.Print(*value, "  ") && m_isDecoded;
     }
-    FlushOutput();
+    m_isUnread = !FlushOutput();
 }
 
 } // namespace

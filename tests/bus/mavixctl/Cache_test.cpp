@@ -1,8 +1,10 @@
 #include "ControlProgram.h"
 #include "PrivateMounts.h"
 
+#include <SegmentLayout.h>
 #include <mavix-api/IPCCache.h>
 
+#include <cstring>
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -299,6 +301,57 @@ TEST_F(ControlCache, ReadsAnyBytesWithoutHarm) {
     }
 }
 
+// A page whose nodes have the next one as both of their children.
+std::string PageWithManyWaysDown(const std::string& sound, std::size_t nodes) {
+    namespace Layout = MavixApiLite::SegmentLayout;
+    const auto put = [](std::string& page, std::size_t at, std::size_t word) {
+        std::memcpy(page.data() + at, &word, sizeof word);
+    };
+    const std::string name = "write_guard";
+    const std::size_t pitch = Layout::Round(Layout::value + name.size() + 1);
+    std::string page = sound;
+    std::size_t node = Layout::firstBlock;
+    const std::size_t root = Layout::nameTree + Layout::treeNode + Layout::parent;
+    put(page, root, node - root);
+    for (std::size_t i = 0; i < nodes; ++i, node += pitch) {
+        for (const std::size_t child : {Layout::left, Layout::right})
+            put(page, node + child, i + 1 < nodes ? pitch - child : Layout::nullPointer);
+        put(page, node + Layout::valueBytes, 0);
+        put(page, node + Layout::nameLength, name.size());
+        page[node + Layout::kind] = static_cast<char>(Layout::namedKind);
+        page.replace(node + Layout::value, name.size() + 1, name.c_str(), name.size() + 1);
+    }
+    return page;
+}
+
+TEST_F(ControlCache, LooksAtNoNodeOfADamagedTreeAgainAndAgain) {
+    Store("key", "value");
+    const std::string sound = [] {
+        std::ifstream file(memoryPath, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    }();
+    std::ofstream(memoryPath, std::ios::binary) << PageWithManyWaysDown(sound, 32);
+    const ControlResult result = Cache({"list", "demo"}, true);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.Object().at("state"), "damaged");
+}
+
+TEST_F(ControlCache, LeavesACacheAloneThatTakesThePlaceOfAClosedStream) {
+    for (const char* redirection : {">&-", "2>&-", "<&- >&- 2>&-"}) {
+        ::unlink(lockPath.c_str());
+        ::unlink(memoryPath.c_str());
+        const ControlResult result =
+            RunControl({"cache", "set", "demo", "key", "i:17"},
+                       TCControlProgram::Options::Behind(std::string("exec \"$@\" ") + redirection));
+        EXPECT_EQ(result.status, std::string(redirection) == "2>&-" ? 0 : 1) << redirection;
+        EXPECT_EQ(Stored("key"), std::string("\x11\0\0\0", 4)) << redirection;
+        struct stat info {};
+        ASSERT_EQ(::stat(lockPath.c_str(), &info), 0);
+        EXPECT_EQ(info.st_size, 0) << redirection;
+        EXPECT_EQ(Cache({"verify", "demo"}).status, 0) << redirection;
+    }
+}
+
 TEST_F(ControlCache, DoesNotWaitForAWriterForEver) {
     Store("key", "value");
     const int file = ::open(lockPath.c_str(), O_RDONLY | O_CLOEXEC);
@@ -367,8 +420,20 @@ TEST_F(ControlCacheWatch, MayComeBeforeTheCache) {
     EXPECT_TRUE(program->AwaitOutput("the cache is complete\nset key, 5 bytes\n")) << program->Output();
 }
 
+TEST_F(ControlCacheWatch, EndsWhenItsOutputCannotBeWritten) {
+    Store("key", "value");
+    TCControlProgram program({"cache", "watch", "demo"},
+                             TCControlProgram::Options::Behind("exec \"$@\" >/dev/full"));
+    ASSERT_TRUE(program.AwaitErrors("watching"));
+    Store("key", "other");
+    const ControlResult result = program.Wait();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.errors, "mavixctl: watching\nmavixctl: standard output cannot be written\n");
+}
+
 TEST_F(ControlCacheWatch, EndsAfterItsTime) {
     Store("key", "value");
+    EXPECT_EQ(Cache({"watch", "demo", "--timeout", "0.01", "--interval", "1000"}).status, 0);
     EXPECT_EQ(Cache({"watch", "demo", "--timeout", "0.01", "--interval", "0.001"}).status, 0);
     const ControlResult result = Cache({"watch", "demo", "--timeout", "0.01", "--count", "2"});
     EXPECT_EQ(result.status, 1);
