@@ -29,6 +29,10 @@ std::string BusAddress() {
     throw TCFailure(NoService, fmt::format("no bus at {}: {}", BusAddress(), std::strerror(-result)));
 }
 
+[[noreturn]] void FailWithoutOwner(const std::string& name) {
+    throw TCFailure(NoService, fmt::format("{} has no owner: the service does not run", name));
+}
+
 Clock::time_point After(double seconds) {
     return Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
 }
@@ -67,9 +71,20 @@ void TCBusLink::RequireOwner(const std::string& name, double waitSeconds) const 
     const Clock::time_point end = After(waitSeconds);
     while (!HasOwner(name)) {
         if (Clock::now() >= end)
-            throw TCFailure(NoService, fmt::format("{} has no owner: the service does not run", name));
+            FailWithoutOwner(name);
         std::this_thread::sleep_for(ownerPause);
     }
+}
+
+void TCBusLink::RequireStill(const std::string& name) const {
+    bool hasOwner = false;
+    try {
+        hasOwner = HasOwner(name);
+    } catch (const TCFailure&) {
+        throw TCFailure(NoService, busHasGone);
+    }
+    if (!hasOwner)
+        FailWithoutOwner(name);
 }
 
 int TCBusLink::Descriptor() const {

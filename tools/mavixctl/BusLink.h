@@ -17,6 +17,9 @@ public:
     bool HasOwner(const std::string& name) const;
     // Returns when the name has an owner; throws TCFailure when it has none by then.
     void RequireOwner(const std::string& name, double waitSeconds) const;
+    // After something failed that nobody answered: throws TCFailure when the bus has gone, or the name's
+    // owner.
+    void RequireStill(const std::string& name) const;
     // Readable when something has come, and when the bus has gone.
     int Descriptor() const;
     // Takes what has come; false when the bus has gone.

@@ -68,9 +68,8 @@ EExitCode TCCallCommand::Run() {
     const TCBusLink link;
     link.RequireOwner(m_bus, m_waitSeconds);
     bool succeeded = true;
-    for (unsigned int call = 0; call < m_repeat; ++call) {
+    for (unsigned int call = 0; call < m_repeat && std::ferror(stdout) == 0; ++call)
         succeeded = m_CallOnce(request, link) && succeeded;
-    }
     return succeeded ? Done : Refused;
 }
 
@@ -85,13 +84,9 @@ bool TCCallCommand::m_CallOnce(TCMessageBuffer& request, const TCBusLink& link) 
     if (succeeded)
         return m_Report(reply, time);
     m_ReportFailure(lines);
-    // An error with a name is an answer. Without one the bus may have gone, which it then does not answer.
-    try {
-        if (lines.ErrorName().empty())
-            link.HasOwner(m_bus);
-    } catch (const TCFailure&) {
-        throw TCFailure(NoService, busHasGone);
-    }
+    // An error with a name is an answer.
+    if (lines.ErrorName().empty())
+        link.RequireStill(m_bus);
     return false;
 }
 

@@ -51,8 +51,8 @@ private:
 };
 
 // A result of the library's: 0 is success.
-EExitCode Report(const TSSettings& settings, const char* operation, int result, const TCErrorLines& lines,
-                 Json more = Json::object()) {
+EExitCode Report(const TSSettings& settings, const TCBusLink& link, const char* operation, int result,
+                 const TCErrorLines& lines, const Json& more = Json::object()) {
     if (settings.json) {
         Json object{{"operation", operation}, {"result", result}, {"ok", result == 0}};
         object.update(more);
@@ -67,6 +67,8 @@ EExitCode Report(const TSSettings& settings, const char* operation, int result, 
         PrintError(fmt::format("{} failed: the service answered {}", operation, result));
     // Whoever waits for it reads along.
     FlushOutput();
+    if (result == -1 && lines.ErrorName().empty())
+        link.RequireStill(MavixApiLite::MavixLiteInterfaceName);
     return result == 0 ? Done : Refused;
 }
 
@@ -91,17 +93,17 @@ EExitCode Open(const TSSettings& settings, const SessionOptions& options, const 
     const TCInterrupts interrupts;
     {
         const TCErrorLines lines;
-        const EExitCode opened = Report(settings, "open", SessionControl__Open(), lines);
+        const EExitCode opened = Report(settings, link, "open", SessionControl__Open(), lines);
         if (opened != Done)
             return opened;
     }
     Hold(link, interrupts, options.holdSeconds);
     const TCErrorLines lines;
-    return Report(settings, "close", SessionControl__Close(), lines);
+    return Report(settings, link, "close", SessionControl__Close(), lines);
 }
 
 // The library itself closes no session that it has not opened, so this asks the service directly.
-EExitCode Close(const TSSettings& settings) {
+EExitCode Close(const TSSettings& settings, const TCBusLink& link) {
     constexpr short closeCode = 1;
     const TCErrorLines lines;
     void* reply = nullptr;
@@ -111,32 +113,32 @@ EExitCode Close(const TSSettings& settings) {
         size >= sizeof result)
         std::memcpy(&result, reply, sizeof result);
     IPCConnection__CallDisposeOutputBuffer(reply);
-    return Report(settings, "close", result, lines);
+    return Report(settings, link, "close", result, lines);
 }
 
-EExitCode Dump(const TSSettings& settings) {
+EExitCode Dump(const TSSettings& settings, const TCBusLink& link) {
     const TCErrorLines lines;
     char* text = nullptr;
     const int result = SessionControl__GetSessionsDebugInfo(&text);
     const std::unique_ptr<char, decltype(&std::free)> owned(text, &std::free);
     if (result != 0)
-        return Report(settings, "dump", result, lines);
+        return Report(settings, link, "dump", result, lines);
     if (settings.json)
-        return Report(settings, "dump", result, lines, {{"text", text}});
+        return Report(settings, link, "dump", result, lines, {{"text", text}});
     std::istringstream textLines(text);
     for (std::string line; std::getline(textLines, line);)
         PrintLine(Printable(line));
     return Done;
 }
 
-EExitCode Terminated(const TSSettings& settings) {
+EExitCode Terminated(const TSSettings& settings, const TCBusLink& link) {
     const TCErrorLines lines;
     int isTerminated = 0;
     const int result = SessionControl__IsMavixTerminated(&isTerminated);
     if (result != 0)
-        return Report(settings, "terminated", result, lines);
+        return Report(settings, link, "terminated", result, lines);
     if (settings.json)
-        return Report(settings, "terminated", result, lines, {{"terminated", isTerminated != 0}});
+        return Report(settings, link, "terminated", result, lines, {{"terminated", isTerminated != 0}});
     PrintLine(isTerminated != 0 ? Paint(EColour::Bad, "terminated") : "not terminated");
     return Done;
 }
@@ -149,14 +151,14 @@ EExitCode Trace(const TSSettings& settings, const SessionOptions& options, const
     info.traceParam = options.parameter;
     {
         const TCErrorLines lines;
-        const EExitCode opened =
-            Report(settings, "open trace", SessionControl__OpenDebugTrace(options.traceId, &info), lines);
+        const EExitCode opened = Report(settings, link, "open trace",
+                                        SessionControl__OpenDebugTrace(options.traceId, &info), lines);
         if (opened != Done)
             return opened;
     }
     Hold(link, interrupts, options.holdSeconds);
     const TCErrorLines lines;
-    return Report(settings, "close trace", SessionControl__CloseDebugTrace(options.traceId), lines);
+    return Report(settings, link, "close trace", SessionControl__CloseDebugTrace(options.traceId), lines);
 }
 
 template <class Body>
@@ -197,11 +199,11 @@ void AddSessionCommand(CLI::App& application, TSSettings& settings, int& exitCod
             [&settings, options](const TCBusLink& link) { return Open(settings, *options, link); });
     AddHold(*open, *options, "Keep the session so long; until interrupted unless given");
     add("close", "Ask the service to close a session that was not opened", "",
-        [&settings](const TCBusLink&) { return Close(settings); });
+        [&settings](const TCBusLink& link) { return Close(settings, link); });
     add("dump", "Print the service's text about its sessions", "",
-        [&settings](const TCBusLink&) { return Dump(settings); });
+        [&settings](const TCBusLink& link) { return Dump(settings, link); });
     add("terminated", "Ask whether the service has been terminated", "",
-        [&settings](const TCBusLink&) { return Terminated(settings); });
+        [&settings](const TCBusLink& link) { return Terminated(settings, link); });
     CLI::App* trace =
         add("trace", "Open a debug trace, keep it, and close it", " 7 --info \"my test\" --param 3",
             [&settings, options](const TCBusLink& link) { return Trace(settings, *options, link); });

@@ -124,6 +124,38 @@ TEST_F(ControlCall, DecodesTheReply) {
     }
 }
 
+TEST_F(ControlCall, ShowsWhatSteersATerminalAsEscapes) {
+    const ControlResult result =
+        RunControl(Call({"str:\u009b\x9b\xc3\u00e4\u20ac\U0001f600\xf0\x9f\x98\xe2\x82", "--decode", "str"}));
+    EXPECT_EQ(result.status, 0) << result.errors;
+    EXPECT_EQ(result.output.substr(result.output.find('\n') + 1),
+              "str   \"\\xc2\\x9b\\x9b\\xc3\u00e4\u20ac\U0001f600\\xf0\\x9f\\x98\\xe2\\x82\"\n");
+}
+
+TEST_F(ControlCall, WritesToNobodyElseWhenAStreamIsClosed) {
+    const auto behind = [](const char* redirection) {
+        return TCControlProgram::Options::Behind(std::string("exec \"$@\" ") + redirection);
+    };
+    const ControlResult noOutput = RunControl(Call({}), behind(">&-"));
+    EXPECT_EQ(noOutput.status, 1);
+    EXPECT_EQ(noOutput.errors, "mavixctl: standard output cannot be written\n");
+    const ControlResult noErrors = RunControl(Call({"i:1", "--decode", "l"}), behind("2>&-"));
+    EXPECT_EQ(noErrors.status, 1);
+    EXPECT_EQ(noErrors.output.rfind("4 bytes in ", 0), 0u) << noErrors.output;
+    const ControlResult noInput = RunControl(Call({"-"}), behind("<&-"));
+    EXPECT_EQ(noInput.status, 2);
+    EXPECT_EQ(noInput.errors, "mavixctl: ARGUMENT: '-' cannot be read: Bad file descriptor; see mavixctl "
+                              "call --help\n");
+    EXPECT_EQ(m_daemon.Records().size(), 2u);
+}
+
+TEST_F(ControlCall, EndsWhenItsOutputCannotBeWritten) {
+    const ControlResult result = RunControl(Call({"--repeat", "1000000000"}),
+                                            TCControlProgram::Options::Behind("exec \"$@\" >/dev/full"));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.errors, "mavixctl: standard output cannot be written\n");
+}
+
 struct ShortRow {
     const char* argument;
     const char* types;
@@ -265,6 +297,20 @@ TEST_F(ControlCall, SaysThatTheBusHasGone) {
     const ControlResult result = program.Wait();
     EXPECT_EQ(result.status, 3);
     EXPECT_NE(result.errors.find("mavixctl: the bus has gone away\n"), std::string::npos) << result.errors;
+}
+
+TEST_F(ControlCall, SaysThatTheServiceHasGone) {
+    m_daemon.SetDelay(std::chrono::milliseconds(500));
+    TCControlProgram program(Call({"--repeat", "2", "--json"}));
+    ASSERT_EQ(m_daemon.WaitForRecords(1).size(), 1u);
+    m_daemon.DropName("com.norvale.MavixAPI");
+    // The library waits for it for 25 s.
+    const ControlResult result = program.Wait();
+    EXPECT_EQ(result.status, 3);
+    EXPECT_EQ(result.errors, "mavixctl: com.norvale.IAVControl 1 failed: Bus not owned\n"
+                             "mavixctl: com.norvale.MavixAPI has no owner: the service does not run\n");
+    ASSERT_EQ(result.Objects().size(), 2u);
+    EXPECT_EQ(result.Objects()[1].at("ok"), false);
 }
 
 TEST_F(ControlCall, CarriesTheLargestPayload) {

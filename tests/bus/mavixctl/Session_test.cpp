@@ -54,6 +54,25 @@ TEST_F(ControlSession, AClosedBusEndsAHeldSession) {
     EXPECT_EQ(result.errors, "mavixctl: the bus has gone away\n");
 }
 
+TEST_F(ControlSession, ABusThatGoesAwayIsToldByEveryCommand) {
+    const std::pair<const char*, std::int16_t> rows[] = {
+        {"open", 0}, {"close", 1}, {"dump", 2}, {"terminated", 5}};
+    std::vector<std::unique_ptr<TCControlProgram>> programs;
+    for (const auto& [command, code] : rows) {
+        m_lite.SetReply(interface, code, MavixSim::Behaviour::Never);
+        programs.push_back(std::make_unique<TCControlProgram>(Session({command}, true)));
+    }
+    ASSERT_EQ(m_lite.WaitForRecords(std::size(rows)).size(), std::size(rows));
+    m_bus.Kill();
+    for (const auto& program : programs) {
+        const ControlResult result = program->Wait();
+        EXPECT_EQ(result.status, 3) << result.output;
+        EXPECT_NE(result.errors.find("mavixctl: the bus has gone away\n"), std::string::npos)
+            << result.errors;
+        EXPECT_EQ(result.Object().at("ok"), false);
+    }
+}
+
 TEST_F(ControlSession, TellsWhatTheServiceAnswersToANeedlessClose) {
     const ControlResult text = RunControl(Session({"close"}));
     EXPECT_EQ(text.status, 1);
