@@ -61,7 +61,7 @@ private:
         }
         const EColour colour = state == State::Bad ? EColour::Bad : EColour::Good;
         PrintLine(fmt::format("{} {}: {}", Paint(colour, fmt::format("{:<6}", word)),
-                              Paint(EColour::Name, check), Printable(text)));
+                              Paint(EColour::Name, Printable(check)), Printable(text)));
         if (!advice.empty())
             PrintLine(fmt::format("       {}", Printable(advice)));
     }

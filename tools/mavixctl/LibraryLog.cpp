@@ -32,8 +32,9 @@ struct Lines {
 };
 thread_local Lines t_lines;
 
-// The line of the check that failed; `s_hasAssertion` is set behind it.
+// The line of the first check that failed; `s_hasAssertion` is set behind it.
 char s_assertion[longestLine];
+std::atomic<bool> s_isAsserting{false};
 std::atomic<bool> s_hasAssertion{false};
 
 // What stands behind the library's prefix "<source>: <function>(<line>) > ", and behind the function and line
@@ -61,7 +62,7 @@ void Keep(int priority, const char* line) {
         t_lines.priorities[t_lines.count] = priority;
         std::snprintf(t_lines.texts[t_lines.count++], longestLine, "%s", line);
     }
-    if (std::strstr(line, "MAVIX Assertion failed") != nullptr && !s_hasAssertion) {
+    if (std::strstr(line, "MAVIX Assertion failed") != nullptr && !s_isAsserting.exchange(true)) {
         const std::string_view text = WithoutPrefix(line);
         std::snprintf(s_assertion, sizeof s_assertion, "%.*s", static_cast<int>(text.size()), text.data());
         s_hasAssertion = true;

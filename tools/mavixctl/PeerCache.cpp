@@ -70,7 +70,7 @@ bool TCPeerCache::IsSettled(const std::string& name) const {
     if (name.empty() || name.front() != ':')
         return true;
     const auto found = m_peers.find(name);
-    return found != m_peers.end() && found->second.isSettled;
+    return found == m_peers.end() || found->second.isSettled;
 }
 
 const TSProcess& TCPeerCache::Find(const std::string& name) const {
@@ -133,7 +133,8 @@ std::uint64_t TCPeerCache::SendMark() {
           "new call");
     const MavixSim::MessageHandle question(made);
     const auto ignore = [](sd_bus_message*, void*, sd_bus_error*) { return 0; };
-    Check(sd_bus_call_async(m_bus.get(), nullptr, made, ignore, nullptr, 0), "ask the bus");
+    if (sd_bus_call_async(m_bus.get(), nullptr, made, ignore, nullptr, 0) < 0)
+        return 0;
     std::uint64_t serial = 0;
     Check(sd_bus_message_get_cookie(made, &serial), "ask for a serial");
     return serial;

@@ -22,7 +22,7 @@ public:
 
     // Starts to ask, unless it has been asked for already.
     void Want(const std::string& name);
-    // Whether nothing more will be known of it than is.
+    // Whether nothing more will be known of it than is; also of one that was forgotten.
     bool IsSettled(const std::string& name) const;
     // Without a process id as long as it is not known.
     const TSProcess& Find(const std::string& name) const;
@@ -30,7 +30,7 @@ public:
     void Forget(const std::string& name);
 
     // Asks the bus for something that does not matter: its answer stands behind all that the bus has passed
-    // on before. The serial of the question.
+    // on before. The serial of the question; 0 when the bus has gone, which Process() tells.
     std::uint64_t SendMark();
     std::string UniqueName() const;
 
