@@ -28,6 +28,14 @@ protected:
         return result.Objects();
     }
 
+    // Sends a call that is never answered.
+    void CallInVain() {
+        const MavixSim::MessageHandle call = m_client.MakeCall(TestCall(MavixSim::Behaviour::Never));
+        const auto ignore = [](sd_bus_message*, void*, sd_bus_error*) { return 0; };
+        MavixSim::Check(sd_bus_call_async(m_client.Bus(), nullptr, call.get(), ignore, nullptr, 0), "call");
+        MavixSim::Check(sd_bus_flush(m_client.Bus()), "flush");
+    }
+
     TCRawClient m_client{m_bus.Address()};
 };
 

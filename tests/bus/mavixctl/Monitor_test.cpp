@@ -1,6 +1,7 @@
 #include "MonitorFixture.h"
 
 #include "Await.h"
+#include "Hex.h"
 #include "Recording.h"
 #include "sim/EventTypes.h"
 
@@ -79,11 +80,32 @@ std::string Printable(const Bytes& bytes) {
     return text;
 }
 
+// What is printed for people of a call, from its header to its payload.
+std::string TextOf(const FormRow& row, std::uint64_t sentMs) {
+    char header[16];
+    std::snprintf(header, sizeof header, "0x%08x", Header(row.code, row.flags));
+    std::string text = std::string("\n    header ") + header;
+    if (row.code >= 0) {
+        std::string names;
+        for (const std::string& name : row.flagNames)
+            names += (names.empty() ? " " : "|") + name;
+        text += ", flags 0x" + std::to_string(row.flags) + names;
+    }
+    text += row.noReply ? ", wants no reply" : "";
+    text += ", process id " + std::to_string(::getpid());
+    text += row.programName ? ", program " + *row.programName : "";
+    text += row.isStamped ? "\n    sent at " + std::to_string(sentMs) + " ms" : "";
+    if (!row.payload.empty())
+        text += "\n    payload, " + std::to_string(row.payload.size()) + " bytes\n      00000000  ";
+    return text;
+}
+
 TEST_F(ControlMonitor, DecodesEveryFieldOfCallsInAllForms) {
     std::size_t messages = 0;
     for (const FormRow& row : Forms())
         messages += row.noReply ? 1 : 2;
     const auto monitor = Monitor({"--json", "--count", std::to_string(messages)});
+    const auto text = Monitor({"--count", std::to_string(messages)});
     const std::uint64_t sentMs = NowMs();
     for (const FormRow& row : Forms()) {
         if (row.noReply)
@@ -93,13 +115,25 @@ TEST_F(ControlMonitor, DecodesEveryFieldOfCallsInAllForms) {
     }
     const std::vector<json> all = Objects(monitor);
     ASSERT_EQ(all.size(), messages);
+    const std::string lines = text->Wait().output;
     std::size_t at = 0;
     for (const FormRow& row : Forms()) {
         SCOPED_TRACE(row.name);
+        const std::string from = " #" + std::to_string(at + 1) + " call com.norvale.IAVControl " +
+                                 std::to_string(row.code) + " to com.norvale.MavixAPI\n    from " +
+                                 m_client.UniqueName() + " " + OwnName() + "[" + std::to_string(::getpid()) +
+                                 "]";
+        const std::size_t head = lines.find(from);
+        ASSERT_NE(head, std::string::npos) << from << lines;
+        const std::size_t rest = lines.find('\n', head + from.size());
+        const std::string expected = TextOf(row, sentMs);
+        EXPECT_EQ(lines.substr(rest, expected.size()), expected);
         const json& call = all[at];
         EXPECT_EQ(call.at("number"), ++at);
         EXPECT_EQ(call.at("kind"), "call");
         EXPECT_EQ(call.at("sender"), m_client.UniqueName());
+        EXPECT_GT(call.at("serial"), 0);
+        EXPECT_GE(call.at("atUs").get<std::uint64_t>(), sentMs * 1000);
         EXPECT_EQ(call.at("destination"), "com.norvale.MavixAPI");
         EXPECT_EQ(call.at("path"), "/com/norvale/Object");
         EXPECT_EQ(call.at("member"), "MethodCall");
@@ -115,6 +149,7 @@ TEST_F(ControlMonitor, DecodesEveryFieldOfCallsInAllForms) {
         EXPECT_EQ(call.at("programName"), row.programName ? json(*row.programName) : json());
         EXPECT_EQ(call.at("timestampSent"), row.isStamped ? json(sentMs) : json());
         EXPECT_EQ(call.at("size"), row.payload.size());
+        EXPECT_EQ(call.at("payload"), MavixTraffic::ToHex(row.payload.data(), row.payload.size()));
         EXPECT_EQ(call.at("text"), Printable(row.payload));
         EXPECT_EQ(call.at("cut"), false);
         EXPECT_EQ(call.at("process").at("pid"), ::getpid());
@@ -134,7 +169,14 @@ TEST_F(ControlMonitor, DecodesEveryFieldOfCallsInAllForms) {
         EXPECT_EQ(reply.at("signature"), "yiay");
         EXPECT_EQ(reply.at("value"), 1);
         EXPECT_EQ(reply.at("length"), row.payload.size());
+        EXPECT_EQ(reply.at("size"), row.payload.size());
         EXPECT_EQ(reply.at("payload"), call.at("payload"));
+        EXPECT_EQ(reply.at("text"), call.at("text"));
+        EXPECT_EQ(reply.at("deviation"), nullptr);
+        EXPECT_EQ(reply.at("sender").get<std::string>().rfind(":1.", 0), 0u);
+        EXPECT_EQ(reply.at("process").at("unit"), OwnUnit());
+        EXPECT_EQ(reply.at("timestampReceived"), nullptr);
+        EXPECT_EQ(reply.at("timestampSent"), nullptr);
         EXPECT_EQ(reply.at("process").at("pid"), m_service.DaemonPid());
         EXPECT_EQ(reply.at("process").at("name"), "mavix-daemon");
         EXPECT_EQ(reply.at("startsAt"), row.isStamped ? "client" : "monitor");
@@ -204,7 +246,12 @@ TEST_F(ControlMonitor, DecodesAllTypesOfEvents) {
         const MavixSim::EventType& expected = MavixSim::eventTypes[type];
         SCOPED_TRACE(expected.member);
         const json& event = events[type];
+        EXPECT_EQ(event.at("number"), type + 1);
         EXPECT_EQ(event.at("kind"), "event");
+        EXPECT_EQ(event.at("sender").get<std::string>().rfind(":1.", 0), 0u);
+        EXPECT_GT(event.at("serial"), 0);
+        EXPECT_EQ(event.at("path"), "/com/norvale/Mavix/SignalObject");
+        EXPECT_EQ(event.at("interface"), "com.norvale.Mavix.SignalIFace");
         EXPECT_EQ(event.at("type"), expected.member);
         EXPECT_EQ(event.at("typeNumber"), type);
         EXPECT_EQ(event.at("id"), 100 + type);
@@ -214,13 +261,30 @@ TEST_F(ControlMonitor, DecodesAllTypesOfEvents) {
         EXPECT_EQ(event.at("signature"), expected.hasFurther ? "sssay" : "ssay");
         EXPECT_EQ(event.at("destination"), nullptr);
         EXPECT_EQ(event.at("deviation"), nullptr);
+        EXPECT_EQ(event.at("size"), 3);
         EXPECT_EQ(event.at("payload"), (std::string("01020") + "0123456789abcd"[type]));
+        EXPECT_EQ(event.at("text"), Printable({1, 2, static_cast<std::uint8_t>(type)}));
+        EXPECT_EQ(event.at("cut"), false);
+        EXPECT_EQ(event.at("process").at("pid"), m_service.DaemonPid());
         EXPECT_EQ(event.at("process").at("name"), "mavix-daemon");
-        char line[200];
-        std::snprintf(line, sizeof line, " #%zu event %s id %zu, handle 65578%s\n    from ", type + 1,
-                      expected.member, 100 + type, expected.hasFurther ? ", further 65578" : "");
+        EXPECT_EQ(event.at("process").at("unit"), OwnUnit());
+        char line[300];
+        std::snprintf(line, sizeof line,
+                      " #%zu event %s id %zu, handle 65578%s\n    from %s mavix-daemon[%d]", type + 1,
+                      expected.member, 100 + type, expected.hasFurther ? ", further 65578" : "",
+                      event.at("sender").get<std::string>().c_str(), m_service.DaemonPid());
+        EXPECT_THAT(lines.output, HasSubstr(line));
+        std::snprintf(line, sizeof line, "\n    payload, 3 bytes\n      00000000  01 02 %02zx ", type);
         EXPECT_THAT(lines.output, HasSubstr(line));
     }
+}
+
+TEST_F(ControlMonitor, TellsForWhomAnEventIsAlone) {
+    const auto objects = Monitor({"--json", "--count", "1"});
+    const auto text = Monitor({"--count", "1"});
+    m_daemon.Emit(2, 7, {'a'}, {0, 0, m_client.UniqueName()});
+    EXPECT_EQ(Objects(objects).at(0).at("destination"), m_client.UniqueName());
+    EXPECT_THAT(text->Wait().output, HasSubstr(" to " + m_client.UniqueName() + " alone\n"));
 }
 
 struct MalformedRow {
@@ -257,42 +321,89 @@ TEST_F(ControlMonitor, TellsInWhatEventsDeviate) {
     }
 }
 
+TEST_F(ControlMonitor, GoesOnAfterATextThatItCannotRead) {
+    const std::string path = m_bus.Folder() + "/recording";
+    const auto monitor = Monitor({"--json", "--record", path, "--count", "2"});
+    // U+FFFE, which the bus passes on.
+    MavixTools::ChildOptions sender;
+    sender.program = "dbus-send";
+    sender.arguments = {"--bus=" + m_bus.Address(), "--type=signal", "/com/norvale/Mavix/SignalObject",
+                        "com.norvale.Mavix.SignalIFace.Data", "string:12\xEF\xBF\xBE"};
+    EXPECT_EQ(MavixTools::ShellStatus(*MavixTools::TCChildProcess(sender).Wait()), 0);
+    m_daemon.Emit(2, 7, {'a'});
+    const ControlResult result = monitor->Wait();
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.errors, HasSubstr("mavixctl: #1 is not recorded: cannot read a text: Bad message\n"));
+    const std::vector<json> all = result.Objects();
+    ASSERT_EQ(all.size(), 2u) << result.output;
+    EXPECT_EQ(all[0].at("deviation"), "cannot read a string: Bad message");
+    EXPECT_EQ(all[1].at("id"), 7);
+    const MavixTraffic::Recording recording = MavixTraffic::ReadRecording(path);
+    ASSERT_EQ(recording.events.size(), 1u);
+    EXPECT_EQ(recording.events[0].arguments.at(0), "7");
+}
+
+TEST_F(ControlMonitor, ShowsWhatSteersATerminalAsEscapes) {
+    const auto text = Monitor({"--count", "1"});
+    const auto objects = Monitor({"--json", "--count", "1"});
+    const std::string handle = "\u009b31m\x7f\u00e4\x1b";
+    m_client.Emit({"/com/norvale/Mavix/SignalObject",
+                   "com.norvale.Mavix.SignalIFace",
+                   "Data",
+                   "",
+                   {"7", handle},
+                   {'a'}});
+    EXPECT_THAT(text->Wait().output, HasSubstr(", handle \\xc2\\x9b31m\\x7f\u00e4\\x1b\n"));
+    const ControlResult object = objects->Wait();
+    EXPECT_THAT(object.output, HasSubstr("\\u009b31m\\u007f\u00e4\\u001b"));
+    EXPECT_EQ(object.Object().at("handleText"), handle);
+}
+
 struct ReplyRow {
     Behaviour behaviour;
     Bytes payload;
     const char* kind;
     const char* deviation;
     json value;
-    bool isSplit;
+    // Which timestamps it carries.
+    const char* stamps;
 };
 
 TEST_F(ControlMonitor, DecodesRepliesAndErrorsInAllForms) {
     const ReplyRow rows[] = {
-        {Behaviour::Echo, {'a'}, "reply", nullptr, 1, false},
-        {Behaviour::Aux, {0}, "reply", nullptr, 7, true},
-        {Behaviour::Aux, {1}, "reply", nullptr, 3, false},
-        {Behaviour::Aux, {2}, "reply", nullptr, 5, false},
-        {Behaviour::Aux, {3}, "reply", "auxiliary block: value of 0 bytes", 7, false},
-        {Behaviour::Aux, {4}, "reply", "auxiliary block: value of 8 bytes", 7, false},
-        {Behaviour::Aux, {5}, "reply", "auxiliary block: unknown tag 64", 7, false},
-        {Behaviour::Aux, {6}, "reply", "auxiliary block: value of 4 bytes", 7, false},
-        {Behaviour::Aux, {7}, "reply", "auxiliary block: expected type 'ay', found 's'", 7, false},
-        {Behaviour::AuxAbsent, {}, "reply", "auxiliary length: expected type 'i', found the end", 5, false},
-        {Behaviour::BrokenByte, {0}, "reply", "reply byte 0 says that the reply is broken", 0, false},
-        {Behaviour::BrokenByte, {1}, "reply", "reply byte 6 says that the reply is broken", 6, true},
-        {Behaviour::WrongTypes, {0}, "reply", "reply byte: expected type 'y', found 's'", nullptr, false},
-        {Behaviour::WrongTypes, {5}, "reply", "payload: expected type 'ay', found 'as'", 1, false},
-        {Behaviour::LengthLies, {'a'}, "reply", "payload: length 1001 announced, 1 bytes found", 1, false},
-        {Behaviour::EmptyReturn, {}, "reply", "reply byte: expected type 'y', found the end", nullptr, false},
-        {Behaviour::Error, {}, "error", nullptr, nullptr, false},
-        {Behaviour::ErrorNoText, {}, "error", nullptr, nullptr, false},
+        {Behaviour::Echo, {'a'}, "reply", nullptr, 1, ""},
+        {Behaviour::Aux, {0}, "reply", nullptr, 7, "received sent"},
+        {Behaviour::Aux, {1}, "reply", nullptr, 3, "received"},
+        {Behaviour::Aux, {2}, "reply", nullptr, 5, "sent"},
+        {Behaviour::Aux, {3}, "reply", "auxiliary block: value of 0 bytes", 7, "received"},
+        {Behaviour::Aux, {4}, "reply", "auxiliary block: value of 8 bytes", 7, "received"},
+        {Behaviour::Aux, {5}, "reply", "auxiliary block: unknown tag 64", 7, ""},
+        {Behaviour::Aux, {6}, "reply", "auxiliary block: value of 4 bytes", 7, ""},
+        {Behaviour::Aux, {7}, "reply", "auxiliary block: expected type 'ay', found 's'", 7, ""},
+        {Behaviour::AuxAbsent, {}, "reply", "auxiliary length: expected type 'i', found the end", 5, ""},
+        {Behaviour::BrokenByte, {0}, "reply", "reply byte 0 says that the reply is broken", 0, ""},
+        {Behaviour::BrokenByte,
+         {1},
+         "reply",
+         "reply byte 6 says that the reply is broken",
+         6,
+         "received sent"},
+        {Behaviour::WrongTypes, {0}, "reply", "reply byte: expected type 'y', found 's'", nullptr, ""},
+        {Behaviour::WrongTypes, {5}, "reply", "payload: expected type 'ay', found 'as'", 1, ""},
+        {Behaviour::LengthLies, {'a'}, "reply", "payload: length 1001 announced, 1 bytes found", 1, ""},
+        {Behaviour::EmptyReturn, {}, "reply", "reply byte: expected type 'y', found the end", nullptr, ""},
+        {Behaviour::Error, {}, "error", nullptr, nullptr, ""},
+        {Behaviour::ErrorNoText, {}, "error", nullptr, nullptr, ""},
     };
-    const auto monitor =
-        Monitor({"--json", "--type", "reply", "--type", "error", "--count", std::to_string(std::size(rows))});
+    const std::string count = std::to_string(std::size(rows));
+    const auto monitor = Monitor({"--json", "--type", "reply", "--type", "error", "--count", count});
+    const auto text = Monitor({"--type", "reply", "--type", "error", "--count", count});
+    const std::uint64_t startMs = NowMs();
     for (const ReplyRow& row : rows)
         m_client.Call(TestCall(row.behaviour, row.payload));
     const std::vector<json> replies = Objects(monitor);
     ASSERT_EQ(replies.size(), std::size(rows));
+    const std::string lines = text->Wait().output;
     for (std::size_t i = 0; i < replies.size(); ++i) {
         const ReplyRow& row = rows[i];
         const json& reply = replies[i];
@@ -301,9 +412,27 @@ TEST_F(ControlMonitor, DecodesRepliesAndErrorsInAllForms) {
         EXPECT_EQ(reply.at("call"), 2 * i + 1);
         EXPECT_EQ(reply.at("deviation"), row.deviation != nullptr ? json(row.deviation) : json());
         EXPECT_EQ(reply.value("value", json()), row.value);
-        EXPECT_EQ(reply.at("serviceUs").is_number(), row.isSplit);
-        if (row.isSplit) {
+        const std::string stamps = row.stamps;
+        for (const auto& [word, member] :
+             {std::pair{"received", "timestampReceived"}, {"sent", "timestampSent"}}) {
+            const json stamp = reply.value(member, json());
+            ASSERT_EQ(stamp.is_number(), stamps.find(word) != std::string::npos) << member << reply;
+            if (stamp.is_number()) {
+                EXPECT_GE(stamp, startMs);
+                EXPECT_LE(stamp, NowMs());
+                EXPECT_THAT(lines, HasSubstr(", " + (word + (" at " + stamp.dump())) + " ms"));
+            }
+        }
+        const bool isSplit = stamps == "received sent";
+        EXPECT_EQ(reply.at("serviceUs").is_number(), isSplit);
+        if (isSplit) {
             EXPECT_LE(reply.at("serviceUs").get<int>(), reply.at("totalUs").get<int>() + 1000);
+        }
+        if (row.deviation == nullptr && reply.at("kind") == "reply") {
+            EXPECT_EQ(reply.at("length"), reply.at("size"));
+        }
+        if (row.deviation != nullptr) {
+            EXPECT_THAT(lines, HasSubstr(std::string("\n    deviates: ") + row.deviation + "\n"));
         }
     }
     EXPECT_EQ(replies[16].at("name"), "com.norvale.Error.Refused");
@@ -334,10 +463,7 @@ TEST_F(ControlMonitor, SplitsTheTimeOfACallIntoItsWays) {
 TEST_F(ControlMonitor, TellsOfCallsWithoutAReply) {
     const auto objects = Monitor({"--json", "--reply-limit", "0.2", "--count", "2"});
     const auto text = Monitor({"--reply-limit", "0.2", "--type", "timeout", "--count", "1"});
-    const MavixSim::MessageHandle call = m_client.MakeCall(TestCall(Behaviour::Never));
-    const auto ignore = [](sd_bus_message*, void*, sd_bus_error*) { return 0; };
-    MavixSim::Check(sd_bus_call_async(m_client.Bus(), nullptr, call.get(), ignore, nullptr, 0), "call");
-    MavixSim::Check(sd_bus_flush(m_client.Bus()), "flush");
+    CallInVain();
     const std::vector<json> both = Objects(objects);
     ASSERT_EQ(both.size(), 2u);
     EXPECT_EQ(both[1].at("kind"), "timeout");
@@ -502,9 +628,8 @@ TEST_F(ControlMonitor, RecordsWhatItsFiltersTakeWhateverItPrints) {
 
 TEST_F(ControlMonitor, AReaderThatLeavesEndsItWithTheRecordingWhole) {
     const std::string path = m_bus.Folder() + "/recording";
-    TCControlProgram::Options options;
-    options.launcher = {"sh", "-c", "\"$@\" | head -n 1", "sh"};
-    TCControlProgram monitor({"monitor", "--record", path}, options);
+    TCControlProgram monitor({"monitor", "--record", path},
+                             TCControlProgram::Options::Behind("\"$@\" | head -n 1"));
     ASSERT_TRUE(monitor.AwaitErrors("monitoring"));
     EXPECT_TRUE(Await([&] {
         m_client.Call(RawCall());
@@ -515,6 +640,15 @@ TEST_F(ControlMonitor, AReaderThatLeavesEndsItWithTheRecordingWhole) {
         }
     }));
     EXPECT_THAT(monitor.Wait().output, HasSubstr(" #1 call com.norvale.ITest 0 to com.norvale.MavixAPI\n"));
+}
+
+TEST_F(ControlMonitor, ARecordingTakesThePlaceOfNoClosedStream) {
+    const std::string path = m_bus.Folder() + "/recording";
+    for (const char* streams : {"<&- 2>&-", "<&- >&- 2>&-"}) {
+        RunControl({"monitor", "--record", path, "--timeout", "0.1"},
+                   TCControlProgram::Options::Behind(std::string("exec \"$@\" ") + streams));
+        EXPECT_NO_THROW(MavixTraffic::ReadRecording(path)) << streams;
+    }
 }
 
 TEST_F(ControlMonitor, WithoutABusThereIsNothingToMonitor) {

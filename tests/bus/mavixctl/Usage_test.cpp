@@ -170,11 +170,12 @@ TEST(Usage, HelpAndVersionGoToStandardOutput) {
 }
 
 TEST(Usage, OutputThatCannotBeWrittenIsAFailure) {
-    TCControlProgram::Options options;
-    options.launcher = {"sh", "-c", "exec \"$@\" >/dev/full", "sh"};
-    const ControlResult result = RunControl({"--help"}, options);
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.errors, "mavixctl: standard output cannot be written\n");
+    for (const char* output : {"/dev/full", "&-"}) {
+        const auto options = TCControlProgram::Options::Behind(std::string("exec \"$@\" >") + output);
+        const ControlResult result = RunControl({"--help"}, options);
+        EXPECT_EQ(result.status, 1) << output;
+        EXPECT_EQ(result.errors, "mavixctl: standard output cannot be written\n") << output;
+    }
 }
 
 } // namespace
