@@ -25,8 +25,9 @@ std::string BashItem(const std::string& word, const std::string& /*description*/
 
 // In single quotes; _describe takes what stands behind a colon as the description.
 std::string ZshItem(const std::string& word, const std::string& description) {
+    const std::string text = description.empty() ? word : word + ":" + description;
     std::string item = "'";
-    for (const char letter : word + (description.empty() ? "" : ":") + description)
+    for (const char letter : text)
         item += letter == '\'' ? std::string("'\\''") : std::string(1, letter);
     return item + "'";
 }

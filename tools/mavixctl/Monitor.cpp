@@ -67,6 +67,15 @@ MavixSim::BusHandle ReachableBus() {
     return NewSystemBus();
 }
 
+// Throws TCFailure when it cannot be written.
+std::unique_ptr<MavixTraffic::TCRecordingWriter> NewRecording(const std::string& path, std::uint64_t nowUs) {
+    try {
+        return std::make_unique<MavixTraffic::TCRecordingWriter>(path, "mavixctl " MAVIX_VERSION, nowUs);
+    } catch (const std::system_error& error) {
+        throw TCFailure(Refused, error.what());
+    }
+}
+
 // Whose process is wanted beside a message.
 const std::string& PeerOf(const Message& message) {
     if (message.kind != Kind::Owner)
@@ -84,13 +93,12 @@ TCMonitor::TCMonitor(const TSSettings& settings, const TSMonitorOptions& options
     m_BecomeMonitor();
     const std::uint64_t now = MonotonicUs();
     if (!options.recordPath.empty())
-        m_recording = std::make_unique<MavixTraffic::TCRecordingWriter>(options.recordPath,
-                                                                        "mavixctl " MAVIX_VERSION, now);
+        m_recording = NewRecording(options.recordPath, now);
     if (options.timeoutSeconds)
         m_endUs = now + static_cast<std::uint64_t>(*options.timeoutSeconds * 1e6);
     PrintError("monitoring");
 } catch (const std::system_error& error) {
-    throw TCFailure(Refused, error.what());
+    throw TCFailure(NoService, fmt::format("the bus does not answer: {}", error.what()));
 }
 
 void TCMonitor::m_BecomeMonitor() {

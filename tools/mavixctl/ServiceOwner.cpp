@@ -1,8 +1,12 @@
 #include "ServiceOwner.h"
 
+#include "Command.h"
+
 #include "sim/Roles.h"
 
 #include <algorithm>
+#include <cstring>
+#include <fmt/format.h>
 
 namespace MavixControl {
 
@@ -28,7 +32,8 @@ TSServiceOwner FindOwner(sd_bus* bus, const std::string& name) {
         bus, name.c_str(), SD_BUS_CREDS_UNIQUE_NAME | SD_BUS_CREDS_PID | SD_BUS_CREDS_EUID, &asked);
     if (result == -ENXIO || result == -ESRCH)
         return owner;
-    MavixSim::Check(result, "ask for an owner");
+    if (result < 0)
+        throw TCFailure(NoService, fmt::format("the bus does not answer: {}", std::strerror(-result)));
     const MavixSim::CredsHandle creds(asked);
     const char* uniqueName = nullptr;
     pid_t pid = 0;

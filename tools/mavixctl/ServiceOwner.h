@@ -24,6 +24,7 @@ struct TSServiceOwner {
     std::optional<std::int64_t> since; // its process's start
 };
 
+// Throws TCFailure when the bus does not tell.
 TSServiceOwner FindOwner(sd_bus* bus, const std::string& name);
 
 } // namespace MavixControl

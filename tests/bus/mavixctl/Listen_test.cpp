@@ -131,6 +131,15 @@ TEST_F(ControlListen, PrintsEachEventWhenItComes) {
     EXPECT_EQ(program->Wait().status, 128 + SIGINT);
 }
 
+TEST_F(ControlListen, EndsWhenItsOutputCannotBeWritten) {
+    TCControlProgram program({"listen", "Data"}, TCControlProgram::Options::Behind("exec \"$@\" >/dev/full"));
+    ASSERT_TRUE(program.AwaitErrors("listening"));
+    m_daemon.Emit(2, 1, {});
+    const ControlResult result = program.Wait();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.errors, "mavixctl: listening\nmavixctl: standard output cannot be written\n");
+}
+
 TEST_F(ControlListen, SaysThatTheBusHasGone) {
     const auto program = Listen({"all"});
     m_bus.Kill();

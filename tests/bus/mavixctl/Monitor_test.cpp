@@ -642,6 +642,18 @@ TEST_F(ControlMonitor, AReaderThatLeavesEndsItWithTheRecordingWhole) {
     EXPECT_THAT(monitor.Wait().output, HasSubstr(" #1 call com.norvale.ITest 0 to com.norvale.MavixAPI\n"));
 }
 
+TEST_F(ControlMonitor, EndsWithTheRecordingWholeWhenItsOutputCannotBeWritten) {
+    const std::string path = m_bus.Folder() + "/recording";
+    TCControlProgram monitor({"monitor", "--record", path},
+                             TCControlProgram::Options::Behind("exec \"$@\" >/dev/full"));
+    ASSERT_TRUE(monitor.AwaitErrors("monitoring"));
+    m_client.Call(RawCall());
+    const ControlResult result = monitor.Wait();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.errors, "mavixctl: monitoring\nmavixctl: standard output cannot be written\n");
+    EXPECT_EQ(MavixTraffic::ReadRecording(path).calls.size(), 1u);
+}
+
 TEST_F(ControlMonitor, ARecordingTakesThePlaceOfNoClosedStream) {
     const std::string path = m_bus.Folder() + "/recording";
     for (const char* streams : {"<&- 2>&-", "<&- >&- 2>&-"}) {
