@@ -3,7 +3,10 @@
 #include "Log.h"
 
 #include <cstring>
+#include <memory>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 namespace MavixApiLite {
 
@@ -91,6 +94,10 @@ ObjectHandle<GDBusMessage> NewMessage(GDBusMessageType type, const char* destina
 
 void FreeBytes(void* bytes) {
     delete[] static_cast<char*>(bytes);
+}
+
+void FreeVector(void* vector) {
+    delete static_cast<std::vector<char>*>(vector);
 }
 
 } // namespace
@@ -320,6 +327,16 @@ bool TCGdbusMessage::PushByteRange(const void* data, std::size_t size) {
     char* bytes = copy.release();
     return m_PushChild(
         g_variant_new_from_data(G_VARIANT_TYPE_BYTESTRING, bytes, size, TRUE, FreeBytes, bytes));
+}
+
+bool TCGdbusMessage::PushOwnedBytes(std::vector<char> bytes) {
+    if (bytes.empty()) {
+        return PushByteRange(nullptr, 0);
+    }
+    auto owned = std::make_unique<std::vector<char>>(std::move(bytes));
+    std::vector<char>* vector = owned.release();
+    return m_PushChild(g_variant_new_from_data(G_VARIANT_TYPE_BYTESTRING, vector->data(), vector->size(),
+                                               TRUE, FreeVector, vector));
 }
 
 bool TCGdbusMessage::PushEnd() {

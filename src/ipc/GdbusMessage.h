@@ -56,6 +56,7 @@ public:
     bool PushByteRange(const void* data, std::size_t size) override;
     bool PopByteRange(const std::uint8_t*& data, std::size_t& size,
                       std::vector<std::uint8_t>& storage) override;
+    bool PushOwnedBytes(std::vector<char> bytes) override;
 
 private:
     friend struct TestAccess;

@@ -1,5 +1,6 @@
 #include "IPCConnection_C.h"
 
+#include "ExpendableBuffer.h"
 #include "Export.h"
 #include "Guard.h"
 #include "IpcClientInstance.h"
@@ -13,6 +14,7 @@
 namespace {
 
 using MavixApiLite::MAVIXHandle;
+using MavixApiLite::TCExpendableBuffer;
 using MavixApiLite::TCIpcClientInstance;
 using MavixApiLite::TCMessageBuffer;
 using MavixApiLite::TIIpcClient;
@@ -50,9 +52,9 @@ bool CallIntoArray(TIIpcClient& instance, const char* interfaceName, short funct
     bool result = false;
     {
         // Gone before the array is made: no more than two blocks of the payload's size at a time.
-        TCMessageBuffer arguments;
-        arguments.PushConcatenated(static_cast<unsigned long>(inputLength), input);
-        result = instance.Call(interfaceName, functionCode, arguments, output);
+        TCExpendableBuffer arguments;
+        arguments.Get().PushConcatenated(static_cast<unsigned long>(inputLength), input);
+        result = instance.Call(interfaceName, functionCode, arguments.Get(), output);
     }
     const std::size_t size = output.PayloadSize();
     if (size != 0) {
@@ -111,9 +113,9 @@ MAVIX_API_EXPORT bool IPCConnection__CallAsync(const char* interfaceName, short 
                          Address(instance), static_cast<const void*>(interfaceName));
             return false;
         }
-        TCMessageBuffer arguments;
-        arguments.PushConcatenated(static_cast<unsigned long>(inputLength), input);
-        return instance.CallAsync(interfaceName, functionCode, arguments);
+        TCExpendableBuffer arguments;
+        arguments.Get().PushConcatenated(static_cast<unsigned long>(inputLength), input);
+        return instance.CallAsync(interfaceName, functionCode, arguments.Get());
     });
 }
 

@@ -1,5 +1,6 @@
 #include "IpcClient.h"
 
+#include "ExpendableBuffer.h"
 #include "IPCUtility.h"
 #include "LiteUtility.h"
 #include "Log.h"
@@ -382,8 +383,10 @@ bool TCIpcClient::t_PrepareMessage(TIIpcMessage& message, short functionCode, TC
     if ((effectiveFlags & flagProgramName) != 0) {
         complete = complete && message.PushString(ProgramName());
     }
-    if (size >= 1) {
-        complete = complete && message.PushByteRange(input.GetAsCStr(0), size);
+    if (size >= 1 && complete) {
+        std::vector<char> owned;
+        complete = TCExpendableBuffer::Take(input, owned) ? message.PushOwnedBytes(std::move(owned))
+                                                          : message.PushByteRange(input.GetAsCStr(0), size);
     }
     std::vector<char> auxBlock;
     if (aux.Store(auxBlock) && !auxBlock.empty()) {

@@ -11,6 +11,10 @@ bool TIIpcMessage::PushByteRange(const void* data, std::size_t size) {
     return PushBytes(std::vector<std::uint8_t>(bytes, bytes + size));
 }
 
+bool TIIpcMessage::PushOwnedBytes(std::vector<char> bytes) {
+    return PushByteRange(bytes.data(), bytes.size());
+}
+
 bool TIIpcMessage::PopByteRange(const std::uint8_t*& data, std::size_t& size,
                                 std::vector<std::uint8_t>& storage) {
     if (!PopBytes(storage)) {

@@ -83,6 +83,8 @@ public:
     // its content and `storage` lives, which the default, that goes through PopBytes, reads into.
     virtual bool PopByteRange(const std::uint8_t*& data, std::size_t& size,
                               std::vector<std::uint8_t>& storage);
+    // Appends all bytes as one byte array. A transport that can takes them over; by default they are copied.
+    virtual bool PushOwnedBytes(std::vector<char> bytes);
 };
 
 // Makes the messages of one transport. May be called from any thread; outlives what it made.

@@ -9,6 +9,8 @@
 
 namespace MavixApiLite {
 
+class TCExpendableBuffer;
+
 // The arguments of a call, the result of a call or the payload of an event: a flat run of values in the order
 // in which they were appended, in machine byte order, without alignment, tags or lengths. The reader knows
 // the layout and reads by byte offset. A buffer has no lock: one thread at a time uses it.
@@ -79,6 +81,7 @@ public:
 
 private:
     friend struct TestAccess;
+    friend class TCExpendableBuffer;
 
     void m_RequireRoomFor(std::size_t width) const;
     void m_PushBytes(const void* value, std::size_t width);

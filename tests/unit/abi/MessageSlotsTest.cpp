@@ -84,6 +84,9 @@ public:
         size = 2;
         return m_Keep("PopByteRange");
     }
+    bool PushOwnedBytes(std::vector<char> bytes) override {
+        return m_Keep("PushOwnedBytes " + std::string(bytes.begin(), bytes.end()));
+    }
 
 private:
     std::string m_Own(TIIpcMessage& message) const { return &message == this ? "this" : "other"; }
@@ -178,6 +181,10 @@ const SlotUse messageUses[] = {
          EXPECT_EQ(storage.data(), data);
          EXPECT_EQ(2u, size);
      }},
+    {"PushOwnedBytes xyz",
+     [](void* o, std::size_t s) {
+         CallSlot<bool(std::vector<char>)>(o, s, std::vector<char>{'x', 'y', 'z'});
+     }},
 };
 
 std::string TakeText(TCGdbusMessage& message, std::size_t slot) {
@@ -186,10 +193,10 @@ std::string TakeText(TCGdbusMessage& message, std::size_t slot) {
 
 } // namespace
 
-TEST(MessageSlots, InterfaceHas29DefinedOperationsAndTwoMoreBehindThem) {
+TEST(MessageSlots, InterfaceHas29DefinedOperationsAndThreeMoreBehindThem) {
     RecordingMessage message;
     ExpectSlots(message, 2, messageUses);
-    EXPECT_EQ(32u, std::size(messageUses) + 2);
+    EXPECT_EQ(33u, std::size(messageUses) + 2);
 }
 
 TEST(MessageSlots, DestructorsComeFirst) {
@@ -199,7 +206,7 @@ TEST(MessageSlots, DestructorsComeFirst) {
 
 TEST(MessageSlots, GioMessageHasTheInterfacesSlotsAndNoMore) {
     const TCGdbusMessage message;
-    EXPECT_EQ(32u, SlotCount(&message));
+    EXPECT_EQ(33u, SlotCount(&message));
     EXPECT_EQ(0, OffsetToWholeObject(&message));
 }
 

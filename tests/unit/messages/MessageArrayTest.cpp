@@ -157,3 +157,17 @@ TYPED_TEST(MessageArray, OfManyBytesComesBackWhole) {
     ASSERT_TRUE(received.PopBytes(value));
     EXPECT_TRUE(value == sent);
 }
+
+TYPED_TEST(MessageArray, OfBytesThatAreHandedOverComesBackWhole) {
+    for (const std::string& sent : {std::string(), std::string("b"), std::string(100000, 'b')}) {
+        SCOPED_TRACE(sent.size());
+        ASSERT_TRUE(this->InitializeCall());
+        ASSERT_TRUE(this->m_message.PushOwnedBytes({sent.begin(), sent.end()}));
+        ASSERT_TRUE(this->m_message.PushEnd());
+        TypeParam received;
+        this->Receive(received, this->OnTheWire(this->m_message));
+        Bytes value;
+        ASSERT_TRUE(received.PopBytes(value));
+        EXPECT_TRUE(value == Bytes(sent.begin(), sent.end()));
+    }
+}

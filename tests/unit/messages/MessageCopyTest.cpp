@@ -3,6 +3,8 @@
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <utility>
+#include <vector>
 
 using namespace MavixTest;
 
@@ -93,6 +95,21 @@ TEST_F(MessageCopies, ARangeIsCopiedOnceIntoTheBody) {
     EXPECT_EQ(0, Count());
 }
 
+TEST_F(MessageCopies, BytesThatAreHandedOverAreNotCopied) {
+    std::vector<char> bytes(payloadSize, 'b');
+    const void* const before = bytes.data();
+    Count();
+    ASSERT_TRUE(m_message.PushOwnedBytes(std::move(bytes)));
+    ASSERT_TRUE(m_message.PushEnd());
+    EXPECT_EQ(0, Count());
+    const std::uint8_t* data = nullptr;
+    std::size_t size = 0;
+    Bytes storage;
+    ASSERT_TRUE(m_message.PopByteRange(data, size, storage));
+    EXPECT_EQ(before, data);
+    EXPECT_EQ(payloadSize, size);
+}
+
 TEST_F(MessageCopies, AVectorIsCopiedOnceIntoTheBodyAndOnceOutOfIt) {
     Count();
     ASSERT_TRUE(m_message.PushBytes(m_payload));
@@ -127,6 +144,8 @@ TEST_F(MessageCopies, ARefusedPushKeepsNone) {
     ASSERT_TRUE(m_message.PopSkip());
     const int before = largeAlive;
     EXPECT_FALSE(m_message.PushByteRange(m_payload.data(), m_payload.size()));
+    ExpectLines("m_SetupIterator", "Attempt to write while reading");
+    EXPECT_FALSE(m_message.PushOwnedBytes(std::vector<char>(payloadSize, 'b')));
     ExpectLines("m_SetupIterator", "Attempt to write while reading");
     EXPECT_EQ(before, largeAlive);
 }
