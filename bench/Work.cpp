@@ -12,6 +12,7 @@
 
 // A bounded piece of work in a fresh process, for what is measured from outside or only once:
 //     bench-work call PEER SIZE COUNT     calls the service
+//     bench-work async PEER SIZE COUNT    calls without an answer, and at the end with one
 //     bench-work read PEER SIZE COUNT     reads from a cache
 //     bench-work memory PEER SIZE         calls once and prints KiB: peak, resident afterwards, resident
 //     before bench-work idle PEER SECONDS        calls once and prints how often its threads woke up then
@@ -45,6 +46,15 @@ void Call(const std::string& peerName, std::size_t size, long count) {
     for (long at = 0; at < count; ++at) {
         peer->Call(payload);
     }
+}
+
+void CallAsync(const std::string& peerName, std::size_t size, long count) {
+    const auto peer = CreatePeer(peerName);
+    const std::vector<char> payload(size, 'x');
+    for (long at = 0; at < count; ++at) {
+        peer->CallAsync(payload);
+    }
+    peer->Call(payload);
 }
 
 void Read(const std::string& peerName, std::size_t size, long count) {
@@ -86,6 +96,8 @@ int Run(const std::vector<std::string>& arguments) {
     const long number = std::stol(arguments.at(2));
     if (work == "call") {
         Call(peer, static_cast<std::size_t>(number), std::stol(arguments.at(3)));
+    } else if (work == "async") {
+        CallAsync(peer, static_cast<std::size_t>(number), std::stol(arguments.at(3)));
     } else if (work == "read") {
         Read(peer, static_cast<std::size_t>(number), std::stol(arguments.at(3)));
     } else if (work == "memory") {
