@@ -7,7 +7,6 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <utility>
 
 // Fresh processes, from their start to their end.
 
@@ -66,8 +65,8 @@ int main(int argc, char** argv) {
     }
     const std::filesystem::path folder = std::filesystem::read_symlink("/proc/self/exe").parent_path();
     const std::string load = folder / "bench-load";
-    const auto add = [](const std::string& name, std::vector<std::string> words) {
-        benchmark::RegisterBenchmark(name.c_str(), Run, std::move(words))
+    const auto add = [](const std::string& name, const std::vector<std::string>& words) {
+        benchmark::RegisterBenchmark(name.c_str(), Run, words)
             ->Iterations(20)
             ->UseRealTime()
             ->Unit(benchmark::kMillisecond);

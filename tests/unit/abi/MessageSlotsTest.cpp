@@ -10,7 +10,6 @@
 using namespace MavixTest;
 using MavixApiLite::TCGdbusMessage;
 using MavixApiLite::TIIpcMessage;
-using MavixApiLite::TIIpcMessageAllocator;
 
 namespace {
 
