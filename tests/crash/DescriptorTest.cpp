@@ -96,6 +96,14 @@ class Descriptors : public testing::Test {
 protected:
     const TCPrivateBus m_bus;
     const TCSimProcess m_service{m_bus};
+
+    // That a child program, which is told a number, ends by itself and well.
+    static ChildResult RunToItsEnd(const std::string& name, int number, unsigned int flavour = plainFlavour) {
+        const ChildResult result = RunChildProgram(name, flavour, {std::to_string(number)});
+        EXPECT_EQ(0, result.signal) << name << " " << number << ": " << result.errors;
+        EXPECT_EQ(0, result.exitCode) << name << " " << number << ": " << result.output << result.errors;
+        return result;
+    }
 };
 
 } // namespace
@@ -156,10 +164,7 @@ TEST_F(Descriptors, ACallGetsItsAnswerHoweverFewDescriptorsAreLeft) {
         GTEST_SKIP() << needsDescriptorsReason;
     }
     for (int left = 0; left <= 24; ++left) {
-        const ChildResult result =
-            RunChildProgram("CallWithFewDescriptors", plainFlavour, {std::to_string(left)});
-        EXPECT_EQ(0, result.signal) << left << " left: " << result.errors;
-        EXPECT_EQ(0, result.exitCode) << left << " left: " << result.output << result.errors;
+        RunToItsEnd("CallWithFewDescriptors", left);
     }
 }
 
@@ -168,10 +173,7 @@ TEST_F(Descriptors, CallsOfManyThreadsFailAtWorstAndLaterOnesSucceed) {
         GTEST_SKIP() << needsDescriptorsReason;
     }
     for (const int threads : {17, 32, 64}) {
-        const ChildResult result =
-            RunChildProgram("CallFromManyThreadsWithoutDescriptors", plainFlavour, {std::to_string(threads)});
-        EXPECT_EQ(0, result.signal) << threads << " threads: " << result.errors;
-        EXPECT_EQ(0, result.exitCode) << threads << " threads: " << result.errors;
+        RunToItsEnd("CallFromManyThreadsWithoutDescriptors", threads);
     }
 }
 
@@ -182,10 +184,7 @@ TEST_F(Descriptors, AClientThatCannotBeMadeIsRefusedAndALaterCallMakesIt) {
     int refused = 0;
     int answered = 0;
     for (int left = 0; left <= 40; ++left) {
-        const ChildResult result =
-            RunChildProgram("StartWithFewDescriptors", releaseFlavour, {std::to_string(left)});
-        EXPECT_EQ(0, result.signal) << left << " left: " << result.errors;
-        EXPECT_EQ(0, result.exitCode) << left << " left: " << result.output << result.errors;
+        const ChildResult result = RunToItsEnd("StartWithFewDescriptors", left, releaseFlavour);
         const bool isRefused = result.output == "refused\n";
         (isRefused ? refused : answered) += 1;
         EXPECT_EQ(isRefused,
@@ -201,9 +200,6 @@ TEST_F(Descriptors, AProcessEndsByItselfHoweverFewDescriptorsAreLeft) {
         GTEST_SKIP() << needsDescriptorsReason;
     }
     for (int left = 0; left <= 8; ++left) {
-        const ChildResult result =
-            RunChildProgram("ExitWithFewDescriptors", plainFlavour, {std::to_string(left)});
-        EXPECT_EQ(0, result.signal) << left << " left: " << result.errors;
-        EXPECT_EQ(0, result.exitCode) << left << " left: " << result.errors;
+        RunToItsEnd("ExitWithFewDescriptors", left);
     }
 }

@@ -51,6 +51,15 @@ protected:
         ASSERT_TRUE(
             m_message.Initialize(TIIpcMessage::MethodCall, testBus, testPath, testInterface, testMember));
     }
+    // That the body is the very block.
+    void ExpectHolds(const void* block) {
+        const std::uint8_t* data = nullptr;
+        std::size_t size = 0;
+        Bytes storage;
+        ASSERT_TRUE(m_message.PopByteRange(data, size, storage));
+        EXPECT_EQ(block, data);
+        EXPECT_EQ(payloadSize, size);
+    }
     // Large allocations since the last time.
     static int Count() { return large.exchange(0); }
 
@@ -86,12 +95,7 @@ TEST_F(MessageCopies, ARangeIsCopiedOnceIntoTheBody) {
     ASSERT_TRUE(m_message.PushEnd());
     EXPECT_EQ(0, Count());
     // The bus library has that very copy.
-    const std::uint8_t* data = nullptr;
-    std::size_t size = 0;
-    Bytes storage;
-    ASSERT_TRUE(m_message.PopByteRange(data, size, storage));
-    EXPECT_EQ(copy, data);
-    EXPECT_EQ(payloadSize, size);
+    ExpectHolds(copy);
     EXPECT_EQ(0, Count());
 }
 
@@ -102,12 +106,7 @@ TEST_F(MessageCopies, BytesThatAreHandedOverAreNotCopied) {
     ASSERT_TRUE(m_message.PushOwnedBytes(std::move(bytes)));
     ASSERT_TRUE(m_message.PushEnd());
     EXPECT_EQ(0, Count());
-    const std::uint8_t* data = nullptr;
-    std::size_t size = 0;
-    Bytes storage;
-    ASSERT_TRUE(m_message.PopByteRange(data, size, storage));
-    EXPECT_EQ(before, data);
-    EXPECT_EQ(payloadSize, size);
+    ExpectHolds(before);
 }
 
 TEST_F(MessageCopies, AVectorIsCopiedOnceIntoTheBodyAndOnceOutOfIt) {
