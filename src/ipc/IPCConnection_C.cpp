@@ -1,7 +1,7 @@
 #include "IPCConnection_C.h"
 
-#include "ExpendableBuffer.h"
 #include "Export.h"
+#include "FlatCallBuffers.h"
 #include "Guard.h"
 #include "IpcClientInstance.h"
 #include "Log.h"
@@ -14,7 +14,7 @@
 namespace {
 
 using MavixApiLite::MAVIXHandle;
-using MavixApiLite::TCExpendableBuffer;
+using MavixApiLite::TCFlatCallBuffers;
 using MavixApiLite::TCIpcClientInstance;
 using MavixApiLite::TCMessageBuffer;
 using MavixApiLite::TIIpcClient;
@@ -48,22 +48,12 @@ const void* Address(const TIIpcClient& instance) {
 
 bool CallIntoArray(TIIpcClient& instance, const char* interfaceName, short functionCode, const void* input,
                    int inputLength, void** outputBuffer, unsigned int* outputLength) {
-    TCMessageBuffer output;
-    bool result = false;
-    {
-        // Gone before the array is made: no more than two blocks of the payload's size at a time.
-        TCExpendableBuffer arguments;
-        arguments.Get().PushConcatenated(static_cast<unsigned long>(inputLength), input);
-        result = instance.Call(interfaceName, functionCode, arguments.Get(), output);
-    }
-    const std::size_t size = output.PayloadSize();
-    if (size != 0) {
-        // Not made by make_unique, which would write zeros first.
-        std::unique_ptr<char[]> bytes(new char[size]);
-        std::memcpy(bytes.get(), output.GetAsCStr(0), size);
-        *outputBuffer = bytes.release();
-        *outputLength = static_cast<unsigned int>(size);
-    }
+    TCFlatCallBuffers buffers;
+    buffers.Input().PushConcatenated(static_cast<unsigned long>(inputLength), input);
+    const bool result = instance.Call(interfaceName, functionCode, buffers.Input(), buffers.Output());
+    std::size_t size = 0;
+    *outputBuffer = buffers.ReleaseResult(size).release();
+    *outputLength = static_cast<unsigned int>(size);
     return result;
 }
 
@@ -113,9 +103,9 @@ MAVIX_API_EXPORT bool IPCConnection__CallAsync(const char* interfaceName, short 
                          Address(instance), static_cast<const void*>(interfaceName));
             return false;
         }
-        TCExpendableBuffer arguments;
-        arguments.Get().PushConcatenated(static_cast<unsigned long>(inputLength), input);
-        return instance.CallAsync(interfaceName, functionCode, arguments.Get());
+        TCFlatCallBuffers buffers;
+        buffers.Input().PushConcatenated(static_cast<unsigned long>(inputLength), input);
+        return instance.CallAsync(interfaceName, functionCode, buffers.Input());
     });
 }
 

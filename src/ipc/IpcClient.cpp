@@ -1,6 +1,6 @@
 #include "IpcClient.h"
 
-#include "ExpendableBuffer.h"
+#include "FlatCallBuffers.h"
 #include "IPCUtility.h"
 #include "LiteUtility.h"
 #include "Log.h"
@@ -267,7 +267,7 @@ bool TCIpcClient::m_ReadReply(TIIpcMessage& reply, TCMessageBuffer& output, cons
             return false;
         }
         // The payload stays in the output even when the auxiliary part below turns out to be broken.
-        output.PushConcatenated(size, data);
+        TCFlatCallBuffers::Append(output, data, size);
     }
     IpcNativeAuxData aux;
     // Most replies announce nothing, and asking for the tags costs two allocations.
@@ -385,8 +385,9 @@ bool TCIpcClient::t_PrepareMessage(TIIpcMessage& message, short functionCode, TC
     }
     if (size >= 1 && complete) {
         std::vector<char> owned;
-        complete = TCExpendableBuffer::Take(input, owned) ? message.PushOwnedBytes(std::move(owned))
-                                                          : message.PushByteRange(input.GetAsCStr(0), size);
+        complete = TCFlatCallBuffers::TakeInput(input, owned)
+                       ? message.PushOwnedBytes(std::move(owned))
+                       : message.PushByteRange(input.GetAsCStr(0), size);
     }
     std::vector<char> auxBlock;
     if (aux.Store(auxBlock) && !auxBlock.empty()) {

@@ -9,7 +9,7 @@
 
 namespace MavixApiLite {
 
-class TCExpendableBuffer;
+class TCFlatCallBuffers;
 
 // The arguments of a call, the result of a call or the payload of an event: a flat run of values in the order
 // in which they were appended, in machine byte order, without alignment, tags or lengths. The reader knows
@@ -81,7 +81,7 @@ public:
 
 private:
     friend struct TestAccess;
-    friend class TCExpendableBuffer;
+    friend class TCFlatCallBuffers;
 
     void m_RequireRoomFor(std::size_t width) const;
     void m_PushBytes(const void* value, std::size_t width);

@@ -1,5 +1,7 @@
 #include "IPCConnection_C.h"
 
+#include "FlatCallBuffers.h"
+
 #include "FakeRegistry.h"
 #include "FlavourFixture.h"
 #include "MockClient.h"
@@ -9,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <functional>
 #include <new>
 #include <stdexcept>
 
@@ -83,6 +86,87 @@ TEST_F(CApi, CallHandsBytesInAndOut) {
         EXPECT_EQ(std::string("out\0put", 7), std::string(static_cast<char*>(m_output), m_length));
         IPCConnection__CallDisposeOutputBuffer(m_output);
     }
+}
+
+void AppendText(TCMessageBuffer& output, const std::string& text) {
+    TCFlatCallBuffers::Append(output, reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+}
+
+TEST_F(CApi, CallHandsOutEverythingThatTheClientAppendsInItsOrder) {
+    const struct {
+        const char* name;
+        std::function<void(TCMessageBuffer&)> append;
+        std::string expected;
+    } rows[] = {
+        {"once", [](TCMessageBuffer& output) { AppendText(output, "one"); }, "one"},
+        {"twice",
+         [](TCMessageBuffer& output) {
+             AppendText(output, "one");
+             AppendText(output, "two");
+         },
+         "onetwo"},
+        {"three times",
+         [](TCMessageBuffer& output) {
+             AppendText(output, "one");
+             AppendText(output, "two");
+             AppendText(output, "three");
+         },
+         "onetwothree"},
+        {"after a push",
+         [](TCMessageBuffer& output) {
+             output.PushChar('-');
+             AppendText(output, "one");
+         },
+         "-one"},
+        {"nothing", [](TCMessageBuffer& output) { AppendText(output, ""); }, ""},
+        {"nothing and then something",
+         [](TCMessageBuffer& output) {
+             TCFlatCallBuffers::Append(output, nullptr, 3);
+             AppendText(output, "one");
+         },
+         "one"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_CALL(*m_client, Call)
+            .WillOnce([&row](const std::string&, short, TCMessageBuffer&, TCMessageBuffer& output) {
+                row.append(output);
+                return true;
+            });
+        EXPECT_TRUE(IPCConnection__Call(interfaceName, 0, "a", 1, &m_output, &m_length));
+        EXPECT_EQ(row.expected.empty(), m_output == nullptr);
+        EXPECT_EQ(row.expected, std::string(static_cast<char*>(m_output), m_length));
+        IPCConnection__CallDisposeOutputBuffer(m_output);
+    }
+}
+
+TEST_F(CApi, ACallWithinACallLeavesTheOuterOnesBuffersAlone) {
+    EXPECT_CALL(*m_client, Call)
+        .WillOnce([this](const std::string&, short, TCMessageBuffer& outerInput, TCMessageBuffer& outer) {
+            AppendText(outer, "outer");
+            EXPECT_CALL(*m_client, Call)
+                .WillOnce([&](const std::string&, short, TCMessageBuffer&, TCMessageBuffer& inner) {
+                    std::vector<char> taken;
+                    EXPECT_FALSE(TCFlatCallBuffers::TakeInput(outerInput, taken));
+                    AppendText(inner, "inner");
+                    TCMessageBuffer ordinary;
+                    AppendText(ordinary, "ordinary");
+                    EXPECT_EQ("ordinary", TextOf(ordinary));
+                    return true;
+                });
+            void* inner = nullptr;
+            unsigned int length = 0;
+            EXPECT_TRUE(IPCConnection__Call(interfaceName, 0, "b", 1, &inner, &length));
+            EXPECT_EQ("inner", std::string(static_cast<char*>(inner), length));
+            IPCConnection__CallDisposeOutputBuffer(inner);
+            std::vector<char> taken;
+            EXPECT_TRUE(TCFlatCallBuffers::TakeInput(outerInput, taken));
+            EXPECT_EQ("a", std::string(taken.data(), taken.size()));
+            return true;
+        });
+    EXPECT_TRUE(IPCConnection__Call(interfaceName, 0, "a", 1, &m_output, &m_length));
+    EXPECT_EQ("outer", std::string(static_cast<char*>(m_output), m_length));
+    IPCConnection__CallDisposeOutputBuffer(m_output);
 }
 
 TEST_F(CApi, CallWithoutPayloadInTheReplyGivesNullAndZero) {
