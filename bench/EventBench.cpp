@@ -4,6 +4,7 @@
 
 #include "IPCConnection_C.h"
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
@@ -115,29 +116,46 @@ std::string SenderProgram() {
     return std::string(folder.get()) + "/bench-events";
 }
 
-void Events(benchmark::State& state, int id, std::size_t size, std::size_t count, int rate) {
+void Receive(int id, std::size_t size, std::size_t count, int rate) {
     static const std::string sender = SenderProgram();
     std::string texts[] = {sender, std::to_string(id), std::to_string(count), std::to_string(size),
                            std::to_string(rate)};
     char* arguments[] = {texts[0].data(), texts[1].data(), texts[2].data(),
                          texts[3].data(), texts[4].data(), nullptr};
+    round.Start(count, size);
+    pid_t child = 0;
+    if (posix_spawn(&child, sender.c_str(), nullptr, nullptr, arguments, environ) != 0) {
+        Fail("the sender does not start");
+    }
+    const bool complete = round.Wait();
+    waitpid(child, nullptr, 0);
+    if (!complete) {
+        Fail("events were lost");
+    }
+}
+
+void Events(benchmark::State& state, int id, std::size_t size, std::size_t count, int rate) {
     for ([[maybe_unused]] auto step : state) {
-        round.Start(count, size);
-        pid_t child = 0;
-        if (posix_spawn(&child, sender.c_str(), nullptr, nullptr, arguments, environ) != 0) {
-            state.SkipWithError("the sender does not start");
-            break;
-        }
-        const bool complete = round.Wait();
-        waitpid(child, nullptr, 0);
-        if (!complete) {
-            state.SkipWithError("events were lost");
-            break;
-        }
+        Receive(id, size, count, rate);
         state.SetIterationTime(round.Seconds());
     }
     AddPercentiles(state, round.Times());
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(count));
+}
+
+// As many as it takes: the time from the first to the last. At a rate: the median delay.
+void EventsInTurns(benchmark::State& state, std::size_t size, std::size_t count, int rate) {
+    const auto turnOf = [&](int id) {
+        return [=] {
+            TurnCost cost = CostOf([=] { Receive(id, size, count, rate); });
+            std::vector<std::int64_t>& delays = round.Times();
+            const auto middle = delays.begin() + static_cast<std::ptrdiff_t>(delays.size() / 2);
+            std::nth_element(delays.begin(), middle, delays.end());
+            cost.timeNs = rate == 0 ? round.Seconds() * 1e9 : static_cast<double>(*middle);
+            return cost;
+        };
+    };
+    TakeTurns(state, turnOf(ourId), turnOf(gdbusId));
 }
 
 struct Receiver {
@@ -174,6 +192,13 @@ int main(int argc, char** argv) {
                 ->UseManualTime()
                 ->Unit(benchmark::kMillisecond);
         }
+    }
+    for (const std::size_t size : {64U, 4096U}) {
+        const std::string place = "/" + std::to_string(size) + "/ours";
+        benchmark::RegisterBenchmark(("turns-events" + place).c_str(), EventsInTurns, size, 2000, 0)
+            ->Iterations(5);
+        benchmark::RegisterBenchmark(("turns-paced" + place).c_str(), EventsInTurns, size, 250, 1000)
+            ->Iterations(4);
     }
     benchmark::RunSpecifiedBenchmarks();
     g_main_loop_quit(loop.get());

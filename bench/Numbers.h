@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 namespace MavixBench {
@@ -18,6 +19,19 @@ inline std::int64_t NowNs() {
 // Adds the distribution of some times in nanoseconds to a benchmark's result, as counters in microseconds:
 // p1, p10, p25, p50, p75, p90, p99 and p999.
 void AddPercentiles(benchmark::State& state, std::vector<std::int64_t>& times);
+
+// What a turn of some work cost: its time, and the processor time of the whole process.
+struct TurnCost {
+    double timeNs = 0;
+    double cpuNs = 0;
+};
+using Turn = std::function<TurnCost()>;
+
+TurnCost CostOf(const std::function<void()>& work);
+
+// Runs two kinds of work in turns, in an order of chance. Turns are short, so that what disturbs the machine
+// disturbs neighbours alike. Adds the medians of measured by beside as counters: time_ratio and cpu_ratio.
+void TakeTurns(benchmark::State& state, const Turn& measured, const Turn& beside);
 
 } // namespace MavixBench
 

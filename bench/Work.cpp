@@ -14,8 +14,8 @@
 //     bench-work call PEER SIZE COUNT     calls the service
 //     bench-work async PEER SIZE COUNT    calls without an answer, and at the end with one
 //     bench-work read PEER SIZE COUNT     reads from a cache
-//     bench-work memory PEER SIZE         calls once and prints KiB: peak, resident afterwards, resident
-//     before bench-work idle PEER SECONDS        calls once and prints how often its threads woke up then
+//     bench-work memory PEER SIZE         calls; prints KiB: resident before, after one and after four calls,
+//     peak bench-work idle PEER SECONDS        calls once; prints how often its threads woke up then
 
 using namespace MavixBench;
 
@@ -72,12 +72,16 @@ void Read(const std::string& peerName, std::size_t size, long count) {
 void Memory(const std::string& peerName, std::size_t size) {
     const auto peer = CreatePeer(peerName);
     peer->Call(std::vector<char>(64));
-    const long before = StatusField("/proc/self/status", "VmRSS");
-    peer->Call(std::vector<char>(size, 'x'));
-    // What the bus library's worker still frees.
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    std::printf("%ld %ld %ld\n", StatusField("/proc/self/status", "VmHWM"),
-                StatusField("/proc/self/status", "VmRSS"), before);
+    std::printf("%ld", StatusField("/proc/self/status", "VmRSS"));
+    for (const int calls : {1, 3}) {
+        for (int at = 0; at < calls; ++at) {
+            peer->Call(std::vector<char>(size, 'x'));
+        }
+        // What the bus library's worker still frees.
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        std::printf(" %ld", StatusField("/proc/self/status", "VmRSS"));
+    }
+    std::printf(" %ld\n", StatusField("/proc/self/status", "VmHWM"));
 }
 
 void Idle(const std::string& peerName, long seconds) {
