@@ -1,6 +1,7 @@
 #include "DbusMessage.h"
 
 #include "Log.h"
+#include "TransportMessage.h"
 
 #include <cstring>
 
@@ -170,14 +171,7 @@ bool TCDbusMessage::PopString(std::string& value) {
 }
 
 bool TCDbusMessage::PopBytes(std::vector<std::uint8_t>& value) {
-    const std::uint8_t* data = nullptr;
-    std::size_t size = 0;
-    std::vector<std::uint8_t> unused;
-    if (!PopByteRange(data, size, unused)) {
-        return false;
-    }
-    value.assign(data, data + size);
-    return true;
+    return PopCopyOfByteRange(*this, value);
 }
 
 bool TCDbusMessage::PopByteRange(const std::uint8_t*& data, std::size_t& size,

@@ -1,6 +1,7 @@
 #include "GdbusMessage.h"
 
 #include "Log.h"
+#include "TransportMessage.h"
 
 #include <cstring>
 #include <memory>
@@ -253,14 +254,7 @@ bool TCGdbusMessage::PopString(std::string& value) {
 }
 
 bool TCGdbusMessage::PopBytes(std::vector<std::uint8_t>& value) {
-    const std::uint8_t* data = nullptr;
-    std::size_t size = 0;
-    std::vector<std::uint8_t> unused;
-    if (!PopByteRange(data, size, unused)) {
-        return false;
-    }
-    value.assign(data, data + size);
-    return true;
+    return PopCopyOfByteRange(*this, value);
 }
 
 bool TCGdbusMessage::PopByteRange(const std::uint8_t*& data, std::size_t& size,
