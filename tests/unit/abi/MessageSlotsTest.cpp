@@ -1,3 +1,4 @@
+#include "DbusMessage.h"
 #include "GdbusMessage.h"
 #include "VirtualTable.h"
 
@@ -8,6 +9,7 @@
 #include <vector>
 
 using namespace MavixTest;
+using MavixApiLite::TCDbusMessage;
 using MavixApiLite::TCGdbusMessage;
 using MavixApiLite::TIIpcMessage;
 
@@ -186,9 +188,54 @@ const SlotUse messageUses[] = {
      }},
 };
 
-std::string TakeText(TCGdbusMessage& message, std::size_t slot) {
-    return Text(CallSlot<const char*()>(&message, slot));
-}
+// How the tests look at what a transport's messages hold.
+template <class Message>
+struct RawKit;
+
+template <>
+struct RawKit<TCGdbusMessage> {
+    static constexpr const char* name = "Gio";
+    static constexpr bool pushesUint = true;
+    using Raw = GDBusMessage;
+    static void SetSender(Raw* raw, const char* sender) { g_dbus_message_set_sender(raw, sender); }
+    static void SetSerial(Raw* raw, std::uint32_t serial) { g_dbus_message_set_serial(raw, serial); }
+    static bool WantsNoReply(Raw* raw) {
+        return (g_dbus_message_get_flags(raw) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) != 0;
+    }
+    static const char* Signature(Raw* raw) { return g_dbus_message_get_signature(raw); }
+};
+
+template <>
+struct RawKit<TCDbusMessage> {
+    static constexpr const char* name = "Libdbus";
+    static constexpr bool pushesUint = false; // but an int
+    using Raw = DBusMessage;
+    static void SetSender(Raw* raw, const char* sender) { dbus_message_set_sender(raw, sender); }
+    static void SetSerial(Raw* raw, std::uint32_t serial) { dbus_message_set_serial(raw, serial); }
+    static bool WantsNoReply(Raw* raw) { return dbus_message_get_no_reply(raw) != FALSE; }
+    static const char* Signature(Raw* raw) { return dbus_message_get_signature(raw); }
+};
+
+struct RawNames {
+    template <class Message>
+    static std::string GetName(int /*index*/) {
+        return RawKit<Message>::name;
+    }
+};
+
+// The messages of the transports fill the interface's slots and add none.
+template <class Message>
+class TransportMessageSlots : public testing::Test {
+protected:
+    static std::string TakeText(const Message& message, std::size_t slot) {
+        return Text(CallSlot<const char*()>(&message, slot));
+    }
+
+    Message m_message;
+};
+
+using TransportMessages = testing::Types<TCGdbusMessage, TCDbusMessage>;
+TYPED_TEST_SUITE(TransportMessageSlots, TransportMessages, RawNames);
 
 } // namespace
 
@@ -200,39 +247,42 @@ TEST(MessageSlots, InterfaceHas29DefinedOperationsAndThreeMoreBehindThem) {
 
 TEST(MessageSlots, DestructorsComeFirst) {
     ExpectDestructorInTheFirstTwoSlots<RecordingMessage>();
-    ExpectDestructorInTheFirstTwoSlots<TCGdbusMessage>();
 }
 
-TEST(MessageSlots, GioMessageHasTheInterfacesSlotsAndNoMore) {
-    const TCGdbusMessage message;
-    EXPECT_EQ(33u, SlotCount(&message));
-    EXPECT_EQ(0, OffsetToWholeObject(&message));
+TYPED_TEST(TransportMessageSlots, DestructorsComeFirst) {
+    ExpectDestructorInTheFirstTwoSlots<TypeParam>();
 }
 
-TEST(MessageSlots, GioMessageFillsTheSlotsOfTheHeader) {
-    TCGdbusMessage message;
+TYPED_TEST(TransportMessageSlots, AreThoseOfTheInterfaceAndNoMore) {
+    EXPECT_EQ(33u, SlotCount(&this->m_message));
+    EXPECT_EQ(0, OffsetToWholeObject(&this->m_message));
+}
+
+TYPED_TEST(TransportMessageSlots, OfTheHeaderAreFilled) {
+    using Kit = RawKit<TypeParam>;
+    TypeParam& message = this->m_message;
     EXPECT_TRUE((CallSlot<bool(Type, const char*, const char*, const char*, const char*)>(
         &message, 2, TIIpcMessage::MethodCall, "the.bus", "/the/path", "the.iface", "TheMember")));
     Type type = TIIpcMessage::MethodCall;
     EXPECT_TRUE(
         (CallSlot<bool(Type*, const char*, const char*)>(&message, 5, &type, "the.iface", "TheMember")));
-    EXPECT_EQ("the.bus", TakeText(message, 6));
-    EXPECT_EQ("/the/path", TakeText(message, 7));
-    EXPECT_EQ("the.iface", TakeText(message, 8));
-    EXPECT_EQ("TheMember", TakeText(message, 9));
-    auto* raw = static_cast<GDBusMessage*>(CallSlot<void*(bool)>(&message, 28, false));
-    g_dbus_message_set_sender(raw, ":1.5");
-    EXPECT_EQ(":1.5", TakeText(message, 10));
-    EXPECT_EQ("null", TakeText(message, 11));
+    EXPECT_EQ("the.bus", this->TakeText(message, 6));
+    EXPECT_EQ("/the/path", this->TakeText(message, 7));
+    EXPECT_EQ("the.iface", this->TakeText(message, 8));
+    EXPECT_EQ("TheMember", this->TakeText(message, 9));
+    auto* raw = static_cast<typename Kit::Raw*>(CallSlot<void*(bool)>(&message, 28, false));
+    Kit::SetSender(raw, ":1.5");
+    EXPECT_EQ(":1.5", this->TakeText(message, 10));
+    EXPECT_EQ("null", this->TakeText(message, 11));
     EXPECT_TRUE(CallSlot<bool()>(&message, 12));
-    EXPECT_NE(0, g_dbus_message_get_flags(raw) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
-    g_dbus_message_set_serial(raw, 9);
+    EXPECT_TRUE(Kit::WantsNoReply(raw));
+    Kit::SetSerial(raw, 9);
 
-    TCGdbusMessage error;
+    TypeParam error;
     EXPECT_TRUE(
         (CallSlot<bool(TIIpcMessage&, const char*, const char*)>(&error, 3, message, "the.Error", "text")));
-    EXPECT_EQ("the.Error", TakeText(error, 11));
-    TCGdbusMessage reply;
+    EXPECT_EQ("the.Error", this->TakeText(error, 11));
+    TypeParam reply;
     EXPECT_TRUE(CallSlot<bool(TIIpcMessage&)>(&reply, 4, message));
     type = TIIpcMessage::MethodReturn;
     EXPECT_TRUE((CallSlot<bool(Type*, const char*, const char*)>(&reply, 5, &type, nullptr, nullptr)));
@@ -243,8 +293,9 @@ TEST(MessageSlots, GioMessageFillsTheSlotsOfTheHeader) {
     EXPECT_EQ(content, message.GetRawMessage(false));
 }
 
-TEST(MessageSlots, GioMessageFillsTheSlotsOfTheArguments) {
-    TCGdbusMessage message;
+TYPED_TEST(TransportMessageSlots, OfTheArgumentsAreFilled) {
+    using Kit = RawKit<TypeParam>;
+    TypeParam& message = this->m_message;
     ASSERT_TRUE(message.Initialize(TIIpcMessage::Signal, nullptr, "/p", "i.i", "M"));
     EXPECT_TRUE(CallSlot<bool(bool)>(&message, 21, true));
     EXPECT_TRUE(CallSlot<bool(std::uint8_t)>(&message, 22, std::uint8_t{200}));
@@ -253,33 +304,36 @@ TEST(MessageSlots, GioMessageFillsTheSlotsOfTheArguments) {
     EXPECT_TRUE(CallSlot<bool(const std::string&)>(&message, 25, std::string("text")));
     EXPECT_TRUE(CallSlot<bool(const Bytes&)>(&message, 26, Bytes{1, 2, 3}));
     EXPECT_TRUE((CallSlot<bool(const void*, std::size_t)>(&message, 30, "xyz", 3u)));
+    EXPECT_TRUE(CallSlot<bool(std::vector<char>)>(&message, 32, std::vector<char>{'o', 'w', 'n'}));
     EXPECT_TRUE(CallSlot<bool()>(&message, 27));
-    auto* raw = static_cast<GDBusMessage*>(message.GetRawMessage(false));
-    EXPECT_STREQ("(byiusayay)", g_variant_get_type_string(g_dbus_message_get_body(raw)));
+    auto* raw = static_cast<typename Kit::Raw*>(message.GetRawMessage(false));
+    EXPECT_STREQ(Kit::pushesUint ? "byiusayayay" : "byiisayayay", Kit::Signature(raw));
 
     bool boolean = false;
     std::uint8_t byte = 0;
     std::int32_t number = 0;
-    std::uint32_t unsignedNumber = 0;
+    std::uint32_t unsignedNumber = 99;
     std::string text;
     Bytes bytes;
     EXPECT_TRUE(CallSlot<bool(bool&)>(&message, 13, boolean));
     EXPECT_TRUE(CallSlot<bool(std::uint8_t&)>(&message, 14, byte));
     EXPECT_TRUE(CallSlot<bool(std::int32_t&)>(&message, 15, number));
-    EXPECT_TRUE(CallSlot<bool(std::uint32_t&)>(&message, 16, unsignedNumber));
+    EXPECT_EQ(Kit::pushesUint, CallSlot<bool(std::uint32_t&)>(&message, 16, unsignedNumber));
     EXPECT_TRUE(CallSlot<bool(std::string&)>(&message, 17, text));
     EXPECT_TRUE(CallSlot<bool(Bytes&)>(&message, 18, bytes));
     EXPECT_TRUE(boolean);
     EXPECT_EQ(200, byte);
     EXPECT_EQ(-5, number);
-    EXPECT_EQ(4000000000u, unsignedNumber);
+    EXPECT_EQ(Kit::pushesUint ? 4000000000u : 99u, unsignedNumber);
     EXPECT_EQ("text", text);
     EXPECT_EQ((Bytes{1, 2, 3}), bytes);
-    const std::uint8_t* data = nullptr;
-    std::size_t size = 0;
-    EXPECT_TRUE(
-        (CallSlot<bool(const std::uint8_t*&, std::size_t&, Bytes&)>(&message, 31, data, size, bytes)));
-    EXPECT_EQ("xyz", std::string(reinterpret_cast<const char*>(data), size));
+    for (const char* expected : {"xyz", "own"}) {
+        const std::uint8_t* data = nullptr;
+        std::size_t size = 0;
+        EXPECT_TRUE(
+            (CallSlot<bool(const std::uint8_t*&, std::size_t&, Bytes&)>(&message, 31, data, size, bytes)));
+        EXPECT_EQ(expected, std::string(reinterpret_cast<const char*>(data), size));
+    }
 
     // From the start again: over the first argument to the second.
     EXPECT_TRUE(CallSlot<bool()>(&message, 20));
