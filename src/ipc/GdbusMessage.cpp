@@ -86,6 +86,9 @@ ObjectHandle<GDBusMessage> NewMessage(GDBusMessageType type, const char* destina
                                       const char* interface, const char* member) {
     ObjectHandle<GDBusMessage> message(g_dbus_message_new());
     g_dbus_message_set_message_type(message.get(), type);
+    if (type == G_DBUS_MESSAGE_TYPE_SIGNAL) {
+        g_dbus_message_set_flags(message.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+    }
     SetName(message.get(), G_DBUS_MESSAGE_HEADER_FIELD_DESTINATION, destination);
     g_dbus_message_set_path(message.get(), path);
     SetName(message.get(), G_DBUS_MESSAGE_HEADER_FIELD_MEMBER, member);

@@ -72,6 +72,7 @@ TYPED_TEST(MessageHeader, InitializeBuildsASignalWithAndWithoutADestination) {
         EXPECT_STREQ(testPath, this->m_message.GetPath());
         EXPECT_STREQ(testInterface, this->m_message.GetInterface());
         EXPECT_STREQ(testMember, this->m_message.GetMember());
+        EXPECT_EQ(G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED, this->WireFlags()) << "nobody answers a signal";
     }
 }
 
