@@ -51,7 +51,7 @@ bool TCDbusMessage::Initialize(IpcMessageType type, const char* destination, con
                                const char* interface, const char* member) {
     m_Cleanup();
     if (!IsNullOr(dbus_validate_bus_name, destination) || !IsValid(dbus_validate_path, path) ||
-        !IsValid(dbus_validate_member, member)) {
+        !IsValid(dbus_validate_member, member) || IsReserved(path, interface)) {
         return false;
     }
     if (type == Signal && IsValid(dbus_validate_interface, interface)) {

@@ -117,7 +117,8 @@ bool TCGdbusMessage::Initialize(IpcMessageType type, const char* destination, co
                                 const char* interface, const char* member) {
     m_Cleanup();
     const bool valid = IsNullOr(g_dbus_is_name, destination) && IsValid(g_variant_is_object_path, path) &&
-                       IsValid(IsMemberName, member) && IsNullOr(g_dbus_is_interface_name, interface);
+                       IsValid(IsMemberName, member) && IsNullOr(g_dbus_is_interface_name, interface) &&
+                       !IsReserved(path, interface);
     if (valid && (type == MethodCall || (type == Signal && interface != nullptr))) {
         m_rawMessage = NewMessage(GioType(type), destination, path, interface, member);
     }

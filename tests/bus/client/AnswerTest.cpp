@@ -142,7 +142,7 @@ TEST_F(Answer, WithABlockOfAnyContentSucceeds) {
 }
 
 TEST_F(Answer, AnInterfaceNameThatDBusDoesNotAllowFails) {
-    for (const char* name : {"", "foo bar", "nodots"}) {
+    for (const char* name : {"", "foo bar", "nodots", "org.freedesktop.DBus.Local"}) {
         m_platform.Reset();
         EXPECT_FALSE(Call(name, 0).success);
         EXPECT_FALSE(CallAsync(name, 0));

@@ -78,6 +78,34 @@ TYPED_TEST(SendTest, AnEmptyMessageIsRefused) {
     EXPECT_TRUE(this->m_connection->WaitConnected());
 }
 
+// A bus hangs up on who sends it what it keeps to the bus libraries, and no connection comes back.
+TYPED_TEST(SendTest, ReservedNamesDoNotCostTheConnection) {
+    const struct {
+        const char* path;
+        const char* interface;
+    } rows[] = {
+        {"/org/freedesktop/DBus/Local", peerInterface},
+        {"/org/freedesktop/DBus/Local/below", peerInterface},
+        {"/org/freedesktop/DBus/Localities", peerInterface},
+        {"/org/freedesktop/DBus/Loca", peerInterface},
+        {peerPath, "org.freedesktop.DBus.Local"},
+        {peerPath, "org.freedesktop.DBus.Local.below"},
+        {peerPath, "org.freedesktop.DBus.Localities"},
+        {peerPath, "org.freedesktop.DBus.Loca"},
+    };
+    for (const auto& row : rows) {
+        for (const TIIpcMessage::IpcMessageType type : {TIIpcMessage::MethodCall, TIIpcMessage::Signal}) {
+            SCOPED_TRACE(testing::Message() << row.path << ", " << row.interface << ", type " << type);
+            const auto message = this->NewMessage();
+            if (message->Initialize(type, "org.freedesktop.DBus", row.path, row.interface, "Member")) {
+                EXPECT_TRUE(this->m_connection->Send(*message));
+            }
+            bool hasOwner = false;
+            ASSERT_TRUE(this->m_connection->BusHasOwner("org.freedesktop.DBus", 5000, hasOwner));
+        }
+    }
+}
+
 TYPED_TEST(SendTest, SendingWithoutReplyDoesNotWait) {
     TCRawClient mute(this->m_bus.Address());
     const auto message = this->NewPeerCall(mute.UniqueName());

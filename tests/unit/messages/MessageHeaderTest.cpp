@@ -97,11 +97,17 @@ TYPED_TEST(MessageHeader, InitializeRefusesNamesThatTheBusDoesNotAllow) {
         {testBus, "", testInterface, testMember},
         {testBus, "no/slash", testInterface, testMember},
         {testBus, "/ends/", testInterface, testMember},
+        {testBus, "/org/freedesktop/DBus/Local", testInterface, testMember},
+        {testBus, "/org/freedesktop/DBus/Local/below", testInterface, testMember},
+        {testBus, "/org/freedesktop/DBus/Localities", testInterface, testMember},
         {testBus, testPath, "", testMember},
         {testBus, testPath, "noDot", testMember},
         {testBus, testPath, "foo bar", testMember},
         {testBus, testPath, "com.norvale.\xff", testMember},
         {testBus, testPath, longName.c_str(), testMember},
+        {testBus, testPath, "org.freedesktop.DBus.Local", testMember},
+        {testBus, testPath, "org.freedesktop.DBus.Local.below", testMember},
+        {testBus, testPath, "org.freedesktop.DBus.Localities", testMember},
         {testBus, testPath, testInterface, nullptr},
         {testBus, testPath, testInterface, ""},
         {testBus, testPath, testInterface, "with.dot"},
@@ -126,6 +132,7 @@ TYPED_TEST(MessageHeader, InitializeTakesTheLongestNamesAndAUniqueName) {
         {":1.42", "/", longestName.c_str(), "m"},
         {longestName.c_str(), testPath, testInterface, longestMember.c_str()},
         {nullptr, testPath, testInterface, testMember},
+        {testBus, "/org/freedesktop/DBus/Loca", "org.freedesktop.DBus.Loca", testMember},
     };
     for (const Names& row : table) {
         for (const Type type : {TIIpcMessage::Signal, TIIpcMessage::MethodCall}) {
