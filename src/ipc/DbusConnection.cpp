@@ -230,6 +230,12 @@ void TCDbusConnection::m_RunConnect(const std::string& name, TIIpcConnectionOwne
     int attempts = 0;
     while (!GuardedCall(MAVIX_LOG_SOURCE_NAME, "m_Connect", __LINE__, false,
                         [this, &name, owner] { return m_Connect(name, owner); })) {
+        // What the attempt has left, however it ended: by an exception, too.
+        m_mainLoopHandler.reset();
+        if (m_connection) {
+            TCDbusDispatchSource::Detach(m_connection.get());
+            m_Close();
+        }
         ++attempts;
         if (attempts >= m_maxAttempts) {
             MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, "Connect", "Connection failed!");
@@ -258,9 +264,6 @@ bool TCDbusConnection::m_Connect(std::string name, TIIpcConnectionOwner* owner) 
     dbus_connection_set_max_received_size(m_connection.get(), LONG_MAX);
     dbus_connection_set_max_received_unix_fds(m_connection.get(), LONG_MAX);
     if (!m_StartDispatching(name, owner)) {
-        m_mainLoopHandler.reset();
-        TCDbusDispatchSource::Detach(m_connection.get());
-        m_Close();
         return false;
     }
     m_connected = true;

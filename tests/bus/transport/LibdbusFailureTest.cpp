@@ -17,6 +17,7 @@
 #include <climits>
 #include <functional>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -159,6 +160,30 @@ TEST(LibdbusAttempts, AnInitialiserThatAlwaysFailsLeavesNoConnection) {
     EXPECT_FALSE(connection.WaitConnected());
     EXPECT_EQ(3U, owner.Initialisations());
     EXPECT_EQ(1U, TCRecordingPlatform::Get().Count(errorLine, "Connection failed!"));
+}
+
+// The connecting thread is the last one that the system has.
+TEST(LibdbusAttempts, OneThatGetsNoDispatchThreadLeavesNoConnection) {
+    const TCPrivateBus bus;
+    const TCRecordingPlatform& log = TCRecordingPlatform::Get();
+    std::optional<TCLibdbusFault> fault;
+    TCRecordingPlatform::Get().onLine = [&fault](const LogLine& line) {
+        if (line.text == attemptLine) {
+            fault.emplace("pthread_create");
+        }
+    };
+    TCDbusConnection connection(1, false);
+    connection.Connect("Attempts", nullptr);
+    EXPECT_FALSE(connection.WaitConnected());
+    fault.reset();
+    EXPECT_EQ(1U, log.CountStarting(errorLine, "[API_LITE] exception: "));
+    EXPECT_EQ(1U, log.Count(errorLine, "Connection failed!"));
+    EXPECT_EQ(1U, log.Count(infoLine, "[API_LITE][END] Wait for DBUS connection (nil)"));
+    // It may be tried again.
+    connection.Connect("Again", nullptr);
+    EXPECT_TRUE(connection.WaitConnected());
+    bool hasOwner = false;
+    EXPECT_TRUE(connection.BusHasOwner("org.freedesktop.DBus", 5000, hasOwner));
 }
 
 // Argument: the maximum. Its output says what the connection gave.

@@ -1,7 +1,9 @@
 #include "LibdbusFaults.h"
 
+#include <cerrno>
 #include <dbus/dbus.h>
 #include <dlfcn.h>
+#include <pthread.h>
 
 namespace MavixTest {
 
@@ -57,5 +59,11 @@ FAULTY(dbus_bool_t, dbus_message_iter_append_fixed_array,
 FAULTY(dbus_bool_t, dbus_message_iter_open_container,
        (DBusMessageIter * iterator, int type, const char* contents, DBusMessageIter* inner),
        (iterator, type, contents, inner), FALSE)
+
+// The standard library names it, so the linker wants to show it.
+__attribute__((visibility("default")))
+FAULTY(int, pthread_create,
+       (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* data),
+       (thread, attributes, body, data), EAGAIN)
 
 } // extern "C"
