@@ -110,8 +110,10 @@ bool BusHasOwner(DBusConnection* connection, const char* name, int timeoutMs, bo
     }
     DbusErrorWrapper error("dbus_message_get_args");
     dbus_bool_t answer = FALSE;
-    if (dbus_message_get_args(reply.get(), error.GetDbusHandle(), DBUS_TYPE_BOOLEAN, &answer,
-                              DBUS_TYPE_INVALID) == FALSE) {
+    const bool isRead = dbus_message_get_args(reply.get(), error.GetDbusHandle(), DBUS_TYPE_BOOLEAN, &answer,
+                                              DBUS_TYPE_INVALID) != FALSE;
+    // The cause is logged first.
+    if (error.CheckErrorAndReset() || !isRead) {
         MAVIX_LOGE("[API_LITE] dbus_message_get_args failed.");
         return false;
     }
