@@ -10,6 +10,7 @@
 #include "MessageFilterContext.h"
 #include "SpareDescriptor.h"
 
+#include <cstring>
 #include <stdexcept>
 #include <utility>
 
@@ -27,6 +28,23 @@ std::string TextOf(const char* text) {
         throw std::logic_error("TCGdbusConnection: null match rule");
     }
     return text;
+}
+
+// Finishes a message and gives what GIO is to send; null when it cannot. GIO prints a critical for an empty
+// message and for one that was sent before; of a signature that is too long it writes a wrong length, and the
+// bus hangs up.
+GDBusMessage* Finish(TIIpcMessage& message, const char* function) {
+    constexpr std::size_t longestSignature = 255;
+    message.PushEnd();
+    auto* raw = static_cast<GDBusMessage*>(message.GetRawMessage(false));
+    if (raw == nullptr || g_dbus_message_get_locked(raw) != FALSE) {
+        return nullptr;
+    }
+    if (std::strlen(g_dbus_message_get_signature(raw)) > longestSignature) {
+        MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, function, "Too many arguments");
+        return nullptr;
+    }
+    return raw;
 }
 
 // Whether an operation failed; if so its error is logged. The holder copies the operation's name, so it is
@@ -68,10 +86,8 @@ bool TCGdbusConnection::Send(TIIpcMessage& message) {
         MAVIX_LOGE("[API_LITE] not connected!");
         return false;
     }
-    message.PushEnd();
-    auto* raw = static_cast<GDBusMessage*>(message.GetRawMessage(false));
-    // GIO prints a critical for an empty message and for one that was sent before.
-    if (raw == nullptr || g_dbus_message_get_locked(raw) != FALSE) {
+    GDBusMessage* raw = Finish(message, __FUNCTION__);
+    if (raw == nullptr) {
         return false;
     }
     GError* error = nullptr;
@@ -85,9 +101,8 @@ bool TCGdbusConnection::SendWithReply(TIIpcMessage& message, int timeoutMs) {
         MAVIX_LOGE("[API_LITE] not connected!");
         return false;
     }
-    message.PushEnd();
-    auto* raw = static_cast<GDBusMessage*>(message.GetRawMessage(false));
-    if (raw == nullptr || g_dbus_message_get_locked(raw) != FALSE) {
+    GDBusMessage* raw = Finish(message, __FUNCTION__);
+    if (raw == nullptr) {
         return false;
     }
     const TCDescriptorLender lender;

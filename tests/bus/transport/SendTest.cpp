@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <string>
+#include <vector>
 
 // Messages of the user's own, with and without reply.
 
@@ -103,6 +104,33 @@ TYPED_TEST(SendTest, ReservedNamesDoNotCostTheConnection) {
             bool hasOwner = false;
             ASSERT_TRUE(this->m_connection->BusHasOwner("org.freedesktop.DBus", 5000, hasOwner));
         }
+    }
+}
+
+// A signature holds 255 type codes. What does not fit is refused when it is to leave, or on libdbus when it
+// is pushed.
+TYPED_TEST(SendTest, TooManyArgumentsDoNotCostTheConnection) {
+    for (const int arguments : {255, 256, 511, 1000}) {
+        SCOPED_TRACE(arguments);
+        const auto told = this->NewBusCall("GetId");
+        const auto asked = this->NewBusCall("GetId");
+        for (int at = 0; at < arguments; ++at) {
+            told->PushInt(at);
+            asked->PushInt(at);
+        }
+        TCRecordingPlatform::Get().Reset();
+        const bool fits = arguments <= 255 || !TestFixture::Row::row.argumentsAreUnlimited;
+        EXPECT_EQ(fits, this->m_connection->Send(*told));
+        EXPECT_EQ(fits, this->m_connection->SendWithReply(*asked, 5000));
+        const std::vector<LogLine> lines = TCRecordingPlatform::Get().LinesWith("Too many arguments");
+        ASSERT_EQ(fits ? 0U : 2U, lines.size());
+        if (!fits) {
+            EXPECT_EQ(errorLine, lines[0].priority);
+            EXPECT_EQ("Send", lines[0].function);
+            EXPECT_EQ("SendWithReply", lines[1].function);
+        }
+        bool hasOwner = false;
+        ASSERT_TRUE(this->m_connection->BusHasOwner("org.freedesktop.DBus", 5000, hasOwner));
     }
 }
 
