@@ -10,6 +10,7 @@
 #include "LiteUtility.h"
 #include "Log.h"
 #include "MavixAssert.h"
+#include "SpareDescriptor.h"
 
 #include <climits>
 #include <new>
@@ -248,6 +249,11 @@ void TCDbusConnection::m_RunConnect(const std::string& name, TIIpcConnectionOwne
 
 bool TCDbusConnection::m_Connect(std::string name, TIIpcConnectionOwner* owner) {
     MAVIX_LOGD("[API_LITE][START] %s, m_Connect", name.c_str());
+    // GLib stops a process that has no descriptor left for a main context.
+    if (!AreDescriptorsLeftToConnect()) {
+        MAVIX_LOGE("[API_LITE] too few file descriptors left to connect!");
+        return false;
+    }
     DbusErrorWrapper error("dbus_bus_get_private");
     DbusConnectionHandle connection(dbus_bus_get_private(DBUS_BUS_SYSTEM, error.GetDbusHandle()));
     if (error.CheckErrorAndReset()) {

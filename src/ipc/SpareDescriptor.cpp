@@ -15,6 +15,8 @@ namespace {
 // One more than a descriptor, so that the places are empty when the process starts.
 using Place = std::atomic<int>;
 constexpr int none = -1;
+// GIO's worker, the main loops, the connection, and what the connect opens meanwhile.
+constexpr std::size_t forConnecting = 10;
 
 // All are handles of one file, since to duplicate is much cheaper than to open.
 Place s_base;
@@ -66,6 +68,14 @@ void KeepSpare() {
     }
 }
 
+bool AreFree(std::size_t count) {
+    std::vector<int> opened(count);
+    std::generate(opened.begin(), opened.end(), Duplicate);
+    const bool enough = std::find(opened.begin(), opened.end(), none) == opened.end();
+    std::for_each(opened.begin(), opened.end(), Close);
+    return enough;
+}
+
 // When the library leaves the process.
 [[gnu::destructor]] void CloseAll() {
     for (Place& place : s_spares) {
@@ -92,17 +102,16 @@ TCDescriptorLender::~TCDescriptorLender() {
     }
 }
 
+bool AreDescriptorsLeftToConnect() {
+    return AreFree(forConnecting);
+}
+
 bool CanConnectWithDescriptors() {
-    // GIO's worker, the main loops, the connection, and what the connect opens meanwhile.
-    constexpr std::size_t forConnecting = 10;
     // The default context, and some for the application.
     constexpr std::size_t forClient = 4;
     const auto missing = static_cast<std::size_t>(
         std::count_if(s_spares.begin(), s_spares.end(), [](const Place& place) { return place == 0; }));
-    std::vector<int> opened(forConnecting + (missing != 0 ? missing + forClient : 0));
-    std::generate(opened.begin(), opened.end(), Duplicate);
-    const bool enough = std::find(opened.begin(), opened.end(), none) == opened.end();
-    std::for_each(opened.begin(), opened.end(), Close);
+    const bool enough = AreFree(forConnecting + (missing != 0 ? missing + forClient : 0));
     for (std::size_t at = 0; enough && at < missing; ++at) {
         KeepSpare();
     }

@@ -22,7 +22,10 @@ private:
     bool m_hasLent = false;
 };
 
-// Whether as many descriptors are free as connecting takes. Keeps spare ones if so. Any thread.
+// Whether as many descriptors are free as connecting takes. Any thread.
+bool AreDescriptorsLeftToConnect();
+
+// The same for a connection whose synchronous calls take descriptors: keeps spare ones if there are enough.
 bool CanConnectWithDescriptors();
 
 } // namespace MavixApiLite

@@ -1,4 +1,5 @@
 #include "ChildProgram.h"
+#include "DbusConnection.h"
 #include "IPCConnection_C.h"
 #include "PrivateBus.h"
 #include "SimProcess.h"
@@ -150,6 +151,23 @@ MAVIX_CHILD(StartWithFewDescriptors) {
     return answered || CallOnce() ? 0 : 2;
 }
 
+// Arguments: how many descriptors are left before a connection over libdbus is made, and whether it uses the
+// default context.
+MAVIX_CHILD(ConnectOverLibdbusWithFewDescriptors) {
+    MavixApiLite::TCDbusConnection connection(1, arguments.at(1) == "default");
+    bool connected = false;
+    {
+        const TCFillers fillers(std::stoi(arguments.at(0)));
+        connection.Connect("Few", nullptr);
+        connected = connection.WaitConnected();
+    }
+    std::printf("%s\n", connected ? "connected" : "refused");
+    if (!connected) {
+        connection.Connect("Enough", nullptr);
+    }
+    return connection.WaitConnected() ? 0 : 2;
+}
+
 // Argument: how many descriptors are left when the process ends.
 MAVIX_CHILD(ExitWithFewDescriptors) {
     if (!CallOnce()) {
@@ -193,6 +211,26 @@ TEST_F(Descriptors, AClientThatCannotBeMadeIsRefusedAndALaterCallMakesIt) {
     }
     EXPECT_GT(refused, 0);
     EXPECT_GT(answered, 0);
+}
+
+TEST_F(Descriptors, AConnectionOverLibdbusThatCannotBeMadeIsRefusedAndALaterOneIsMade) {
+    if (!canDoWithoutDescriptors) {
+        GTEST_SKIP() << needsDescriptorsReason;
+    }
+    for (const char* context : {"own", "default"}) {
+        int refused = 0;
+        int connected = 0;
+        for (int left = 0; left <= 24; ++left) {
+            const std::vector<std::string> arguments{std::to_string(left), context};
+            const ChildResult result =
+                RunChildProgram("ConnectOverLibdbusWithFewDescriptors", plainFlavour, arguments);
+            EXPECT_EQ(0, result.signal) << left << ' ' << context << ": " << result.errors;
+            EXPECT_EQ(0, result.exitCode) << left << ' ' << context << ": " << result.output << result.errors;
+            (result.output == "refused\n" ? refused : connected) += 1;
+        }
+        EXPECT_GT(refused, 0) << context;
+        EXPECT_GT(connected, 0) << context;
+    }
 }
 
 TEST_F(Descriptors, AProcessEndsByItselfHoweverFewDescriptorsAreLeft) {
