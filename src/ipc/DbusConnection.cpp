@@ -25,6 +25,15 @@ namespace {
 constexpr int MAX_DBUS_CONNECTION_ATTEMPTS = 60;
 constexpr int requestNameReplaceExisting = 2;
 
+// Whether a name is what libdbus will take for it: that ends with the first zero byte.
+bool IsCText(const std::string& name, const char* function) {
+    if (name.find('\0') != std::string::npos) {
+        MAVIX_LOG_AS(MAVIX_LOG_ERROR, MAVIX_LOG_SOURCE_NAME, function, "Invalid string");
+        return false;
+    }
+    return true;
+}
+
 // A rule that D-Bus can carry; libdbus ends the process of who hands it another.
 bool IsMatchRule(const char* rule, const char* function) {
     if (rule == nullptr) {
@@ -144,13 +153,17 @@ bool TCDbusConnection::RequestName(const std::string& name) {
         MAVIX_LOGE("[API_LITE] not connected!");
         return false;
     }
-    return DbusUtility::RequestNameAsync(m_connection.get(), name.c_str(), requestNameReplaceExisting);
+    return IsCText(name, __FUNCTION__) &&
+           DbusUtility::RequestNameAsync(m_connection.get(), name.c_str(), requestNameReplaceExisting);
 }
 
 bool TCDbusConnection::ReleaseName(const std::string& name) {
     MAVIX_LOGD("[API_LITE] called");
     if (!m_ApiCallable()) {
         MAVIX_LOGE("[API_LITE] not connected!");
+        return false;
+    }
+    if (!IsCText(name, __FUNCTION__)) {
         return false;
     }
     DbusErrorWrapper error("dbus_bus_release_name");
@@ -176,7 +189,8 @@ bool TCDbusConnection::BusHasOwner(const std::string& name, int timeoutMs, bool&
         MAVIX_LOGE("[API_LITE] not connected!");
         return false;
     }
-    return DbusUtility::BusHasOwner(m_connection.get(), name.c_str(), timeoutMs, hasOwner);
+    return IsCText(name, __FUNCTION__) &&
+           DbusUtility::BusHasOwner(m_connection.get(), name.c_str(), timeoutMs, hasOwner);
 }
 
 TIIpcMessageAllocator* TCDbusConnection::GetMessageAllocatorInstance() {

@@ -143,6 +143,11 @@ std::string TCGdbusConnection::GetUniqueName() {
 }
 
 bool TCGdbusConnection::RequestName(const std::string& name) {
+    // The request is given a text that ends with the first zero byte.
+    if (name.find('\0') != std::string::npos) {
+        MAVIX_LOGE("Invalid string");
+        return false;
+    }
     return m_SendBusRequest("RequestName", name.c_str(), &requestNameDoNotQueue);
 }
 

@@ -97,6 +97,20 @@ TYPED_TEST(RequestTest, TextsThatDBusCannotCarryFail) {
     EXPECT_TRUE(this->HasOwner("org.freedesktop.DBus"));
 }
 
+// Otherwise it would be a request about the name in front of the zero byte.
+TYPED_TEST(RequestTest, NamesWithAZeroByteAreRefused) {
+    const std::string name = std::string(ownName) + '\0' + "more";
+    EXPECT_FALSE(this->m_connection->RequestName(name));
+    EXPECT_FALSE(this->HasOwner(ownName));
+    EXPECT_TRUE(this->m_connection->RequestName(ownName));
+    bool hasOwner = false;
+    EXPECT_FALSE(this->m_connection->BusHasOwner(name, 5000, hasOwner));
+    EXPECT_FALSE(hasOwner);
+    EXPECT_FALSE(this->m_connection->ReleaseName(name));
+    EXPECT_TRUE(this->HasOwner(ownName));
+    EXPECT_EQ(3U, this->Lines(errorLine, "Invalid string"));
+}
+
 TYPED_TEST(RequestTest, NamesThatTheBusRefusesFailWhereTheAnswerIsRead) {
     EXPECT_TRUE(this->m_connection->RequestName("not a name"));
     EXPECT_FALSE(this->m_connection->ReleaseName("not a name"));
