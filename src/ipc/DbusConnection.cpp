@@ -261,6 +261,8 @@ void TCDbusConnection::m_RunConnect(const std::string& name, TIIpcConnectionOwne
     MAVIX_ASSERT(attempts != MAX_DBUS_CONNECTION_ATTEMPTS);
 }
 
+// The name by value belongs to the exported signature.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 bool TCDbusConnection::m_Connect(std::string name, TIIpcConnectionOwner* owner) {
     MAVIX_LOGD("[API_LITE][START] %s, m_Connect", name.c_str());
     // GLib stops a process that has no descriptor left for a main context.
