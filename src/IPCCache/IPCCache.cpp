@@ -127,7 +127,9 @@ void IPCCache::setData(const std::string& key, const char* data, unsigned long s
             return;
         }
         value = d->m_Page() + stored.offset;
-    } else if (size <= d->m_manager->get_free_memory()) {
+    } else if (size <= d->m_manager->get_free_memory() &&
+               std::strlen(key.c_str()) <= MavixApiLite::SegmentLayout::longestName) {
+        // Boost looks at neither: the sum could overflow, and a longer name would be taken for a short one.
         value = d->m_manager->find_or_construct<char>(key.c_str(), std::nothrow)[size]();
     }
     if (value == nullptr) {

@@ -58,6 +58,7 @@ constexpr std::size_t unitsMask = previousAllocatedBit - 1;
 // An object's description behind its node.
 constexpr std::size_t valueBytes = nodeSize;
 constexpr std::size_t nameLength = valueBytes + word;
+constexpr std::size_t longestName = 0xFFFF;
 constexpr std::size_t valueAlignment = nameLength + 2;
 constexpr std::size_t kind = valueAlignment + 1;
 constexpr std::size_t value = valueBytes + 2 * word;

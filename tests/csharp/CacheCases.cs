@@ -230,9 +230,12 @@ internal static class CacheCases
     {
         using (Pair pair = new Pair())
         {
-            ExpectNotStored(() => pair.Writer.Set(new string('x', 5000), Bytes("1")), "there is no room for it");
-            pair.Writer.Set("volume", Bytes("1"));
-            Expect.Bytes(Bytes("1"), pair.Reader.Get("volume"));
+            foreach (int length in new[] { 5000, 65600, 70000 })
+            {
+                ExpectNotStored(() => pair.Writer.Set(new string('x', length), Bytes("1")), "there is no room for it");
+                pair.Writer.Set("volume", Bytes("1"));
+                Expect.Bytes(Bytes("1"), pair.Reader.Get("volume"));
+            }
         }
     }
 

@@ -335,14 +335,25 @@ TEST_F(Value, KeysMayBeEmptyLongAndAlike) {
     }
 }
 
+// The segment keeps the length of a name in 16 bits: some of these would seem short.
 TEST_F(Value, OfAKeyThatFitsNowhereIsRefusedForWantOfMemory) {
-    IPCCache writer(Name(), AccessType::Write);
-    const std::string key(70000, 'k');
-    Set(writer, key, "value");
-    EXPECT_EQ(1U, CacheLines(error).size());
-    Set(writer, "key", "value");
-    EXPECT_EQ("value", Get(writer, "key"));
-    EXPECT_EQ(none, Get(writer, key));
+    for (const std::size_t length : {3900U, 5000U, 65535U, 65536U, 65537U, 65600U, 69000U, 70000U, 131080U}) {
+        IPCCache writer(Name(), AccessType::Write);
+        writer.resetData("key");
+        const std::size_t available = MavixApiLite::TestAccess::Segment(writer).get_free_memory();
+        const std::string key(length, 'k');
+        ForgetLines();
+        Set(writer, key, "value");
+        EXPECT_EQ(std::vector<std::string>{"setData: No free memory in " + Shm() + ", currently available " +
+                                           std::to_string(available) + " needed 5"},
+                  CacheLines(error))
+            << length;
+        Set(writer, "key", "value");
+        EXPECT_EQ("value", Get(writer, "key")) << length;
+        EXPECT_EQ(none, Get(writer, key)) << length;
+        EXPECT_FALSE(writer.resetData(key)) << length;
+        EXPECT_EQ("value", Get(writer, "key")) << length;
+    }
 }
 
 TEST_F(Value, OfOneCacheIsNotSeenInAnother) {
