@@ -3,6 +3,7 @@
 #include "MessageBuffer.h"
 #include "PrivateBus.h"
 #include "SimProcess.h"
+#include "SleepingFork.h"
 
 #include <gtest/gtest.h>
 
@@ -56,7 +57,7 @@ MAVIX_CHILD(ForkWithHandle) {
     if (!CallWorks(handle)) {
         return 1;
     }
-    const pid_t child = fork();
+    const pid_t child = ForkWhileOthersSleep();
     if (child == 0) {
         isForkedChild = true;
         std::exit(EverythingFailsAtOnce(handle) ? 0 : 2);
