@@ -133,16 +133,12 @@ bool ReadBoth(Pipe& first, std::string& firstText, Pipe& second, std::string& se
     }
 }
 
-[[noreturn]] void ExecChild(std::vector<std::string> words, const Pipe& output, const Pipe& errors) {
+// Allocates nothing: another thread may have held the allocator's lock when this process was forked.
+[[noreturn]] void ExecChild(char* const* words, const Pipe& output, const Pipe& errors) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(output.ends[1], STDOUT_FILENO);
     dup2(errors.ends[1], STDERR_FILENO);
-    std::vector<char*> pointers;
-    for (std::string& word : words) {
-        pointers.push_back(word.data());
-    }
-    pointers.push_back(nullptr);
-    execv("/proc/self/exe", pointers.data());
+    execv("/proc/self/exe", words);
     _exit(127);
 }
 
@@ -189,12 +185,17 @@ ChildResult RunChildProgram(const std::string& name, unsigned int flavour,
     Pipe errors;
     std::vector<std::string> words{"/proc/self/exe", childOption, name, std::to_string(flavour), keep.Path()};
     words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> pointers;
+    for (std::string& word : words) {
+        pointers.push_back(word.data());
+    }
+    pointers.push_back(nullptr);
     const pid_t child = fork();
     if (child < 0) {
         throw std::runtime_error("fork failed");
     }
     if (child == 0) {
-        ExecChild(std::move(words), output, errors);
+        ExecChild(pointers.data(), output, errors);
     }
     output.Close(1);
     errors.Close(1);
