@@ -23,7 +23,8 @@ constexpr mode_t mode = 0777;
 // A name is one file's name, with at most a separator in front: it leads into no other folder.
 bool IsUsable(std::string_view path) {
     const std::string_view name = path.substr(folder.size(), path.size() - folder.size() - suffix.size());
-    return name.find('/', 1) == std::string_view::npos && name.find("..") == std::string_view::npos;
+    return name.find('/', 1) == std::string_view::npos && name.find("..") == std::string_view::npos &&
+           name.find('\0') == std::string_view::npos;
 }
 
 bool FailWith(int error) {

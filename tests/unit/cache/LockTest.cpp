@@ -382,6 +382,15 @@ TEST_F(FileLock, RefusesNamesThatLeadElsewhere) {
     ASSERT_EQ(0, rmdir("/run/folder"));
 }
 
+TEST_F(FileLock, RefusesANameThatEndsBeforeItsEnd) {
+    RobustRWLock lock(std::string("na\0me", 5));
+    EXPECT_FALSE(lock.lock());
+    EXPECT_EQ(
+        1U, CountCacheLines(error, "init",
+                            std::string("Failed to create file /run/na errno:22 ") + std::strerror(EINVAL)));
+    EXPECT_EQ(-1, access("/run/na", F_OK));
+}
+
 TEST_F(FileLock, TakesANameThatBeginsWithASeparator) {
     RobustRWLock lock("/" + Name());
     EXPECT_TRUE(lock.lock());
