@@ -1,6 +1,7 @@
 #include "RobustRWLock.h"
 
 #include "CacheLog.h"
+#include "ForkedLock.h"
 #include "Handles.h"
 
 #include <cerrno>
@@ -81,6 +82,7 @@ RobustRWLock::~RobustRWLock() {
 }
 
 void RobustRWLock::init() {
+    MavixApiLite::FreeInForkedChildren<m_initMutex>();
     const std::lock_guard<std::mutex> guard(m_initMutex);
     const char* const path = m_path.c_str();
     if (m_fd != 0) {

@@ -2,6 +2,7 @@
 
 #include "Await.h"
 #include "CSharp_IPCConnection.h"
+#include "SleepingFork.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -57,7 +58,7 @@ int WaitForEnd(pid_t child) {
 
 bool HoldsInChild(const std::function<void()>& body) {
     std::fflush(nullptr);
-    const pid_t child = fork();
+    const pid_t child = ForkWhileOthersSleep();
     if (child == 0) {
         body();
         if (testing::Test::HasFailure()) {
@@ -68,7 +69,7 @@ bool HoldsInChild(const std::function<void()>& body) {
         std::fflush(nullptr);
         _exit(testing::Test::HasFailure() ? 1 : 0);
     }
-    return WaitForEnd(child) == 0;
+    return child > 0 && WaitForEnd(child) == 0;
 }
 
 void BecomeUser(uid_t user, gid_t group) {
@@ -77,13 +78,17 @@ void BecomeUser(uid_t user, gid_t group) {
     ASSERT_EQ(0, setresuid(user, user, user));
 }
 
-bool WaitsForFileLock(pid_t process) {
-    return Await([process] {
-        std::ifstream file("/proc/" + std::to_string(process) + "/syscall");
+bool WaitsInSystemCall(pid_t thread, long number) {
+    return Await([thread, number] {
+        std::ifstream file("/proc/" + std::to_string(thread) + "/syscall");
         long call = -1;
         file >> call;
-        return call == SYS_flock;
+        return call == number;
     });
+}
+
+bool WaitsForFileLock(pid_t process) {
+    return WaitsInSystemCall(process, SYS_flock);
 }
 
 void CacheFixture::SetUp() {

@@ -27,7 +27,9 @@ std::vector<std::string> CacheLines(int priority);
 bool HoldsInChild(const std::function<void()>& body);
 // Ends what root may do, in a child.
 void BecomeUser(uid_t user, gid_t group);
-// Waits until the process waits for a file lock; false when it does not come to that.
+// Wait until the thread or process waits in this system call, or for a file lock; false when it does not come
+// to that.
+bool WaitsInSystemCall(pid_t thread, long number);
 bool WaitsForFileLock(pid_t process);
 // How a child ended: its exit status, or the negative number of the signal.
 int WaitForEnd(pid_t child);

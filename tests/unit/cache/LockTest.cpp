@@ -1,11 +1,16 @@
+#include "Await.h"
 #include "CacheFixture.h"
 #include "RobustRWLock.h"
 
+#include <atomic>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <future>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace MavixTest;
@@ -39,6 +44,39 @@ protected:
     }
 
     bool Exists() const { return access(LockPath().c_str(), F_OK) == 0; }
+
+    // A thread that initialises a lock and stops in the middle until it is told to go on.
+    class InitThread final {
+    public:
+        explicit InitThread(RobustRWLock& lock) {
+            TCRecordingPlatform::Get().onLine = [this](const LogLine& line) {
+                if (line.text.find("Change access") != std::string::npos && !m_hasStopped.exchange(true)) {
+                    m_inTheMiddle.set_value();
+                    m_goOn.get_future().wait();
+                }
+            };
+            m_thread = std::thread([&lock] { lock.init(); });
+            m_inTheMiddle.get_future().wait();
+        }
+        ~InitThread() {
+            LetGoOn();
+            TCRecordingPlatform::Get().onLine = nullptr;
+        }
+        InitThread(const InitThread&) = delete;
+        InitThread& operator=(const InitThread&) = delete;
+        void LetGoOn() {
+            if (m_thread.joinable()) {
+                m_goOn.set_value();
+                m_thread.join();
+            }
+        }
+
+    private:
+        std::atomic<bool> m_hasStopped{false};
+        std::promise<void> m_inTheMiddle;
+        std::promise<void> m_goOn;
+        std::thread m_thread;
+    };
 
     // Whether another process, which has the lock file open, could lock it so.
     bool IsFree(int operation) const {
@@ -140,6 +178,50 @@ TEST_F(FileLock, TwoObjectsOfOneProcessExcludeEachOther) {
     EXPECT_NE(0, flock(TestAccess::Descriptor(second), LOCK_SH | LOCK_NB));
     EXPECT_TRUE(first.unlock());
     EXPECT_TRUE(second.lock());
+}
+
+TEST_F(FileLock, IsConvertedByASecondLockOfTheSameObject) {
+    RobustRWLock lock(Name());
+    lock.init();
+    EXPECT_TRUE(lock.lock());
+    EXPECT_TRUE(lock.lock_sharable());
+    EXPECT_TRUE(IsFree(LOCK_SH));
+    EXPECT_FALSE(IsFree(LOCK_EX));
+    EXPECT_TRUE(lock.lock());
+    EXPECT_FALSE(IsFree(LOCK_SH));
+    EXPECT_TRUE(lock.unlock());
+    EXPECT_TRUE(IsFree(LOCK_EX));
+}
+
+TEST_F(FileLock, InitialisationsOfAProcessRunOneAtATime) {
+    RobustRWLock first(Name());
+    RobustRWLock second(Name() + "-second");
+    const std::string secondPath = "/run/" + Name() + "-second_cache_lock";
+    InitThread held(first);
+    std::atomic<pid_t> waiting{0};
+    std::thread other([&] {
+        waiting = gettid();
+        second.init();
+    });
+    EXPECT_TRUE(Await([&] { return waiting != 0; }));
+    EXPECT_TRUE(WaitsInSystemCall(waiting, SYS_futex));
+    EXPECT_EQ(-1, access(secondPath.c_str(), F_OK));
+    held.LetGoOn();
+    other.join();
+    EXPECT_TRUE(first.lock() && first.unlock() && second.lock() && second.unlock());
+    EXPECT_TRUE(CacheLines(error).empty());
+}
+
+TEST_F(FileLock, AChildThatIsForkedDuringAnInitialisationUsesALockOfItsOwn) {
+    RobustRWLock lock(Name());
+    InitThread held(lock);
+    EXPECT_TRUE(HoldsInChild([this] {
+        alarm(20);
+        RobustRWLock own(Name() + "-child");
+        EXPECT_TRUE(own.lock() && own.unlock());
+    }));
+    held.LetGoOn();
+    EXPECT_TRUE(lock.lock() && lock.unlock());
 }
 
 TEST_F(FileLock, OpensTheFileByItselfWhenItIsLockedFirst) {
