@@ -1,5 +1,6 @@
 #include "SessionControlProxy.h"
 
+#include "ForkedLock.h"
 #include "Guard.h"
 #include "Handles.h"
 #include "IpcClientInstance.h"
@@ -70,7 +71,8 @@ std::shared_mutex SessionControlProxy::m_instanceLock;
 SessionControlProxy* SessionControlProxy::m_pSessionControlProxy = nullptr;
 
 SessionControlProxy* SessionControlProxy::Instance() {
-    // A forked child may have inherited taken locks.
+    MavixApiLite::FreeInForkedChildren<m_instanceLock>();
+    // A child that was forked after the client was created may have inherited other taken locks.
     const bool forkedChild = TCIpcClientInstance::IsForkedChild();
     if (!forkedChild) {
         const std::shared_lock<std::shared_mutex> lock(m_instanceLock);
@@ -78,7 +80,7 @@ SessionControlProxy* SessionControlProxy::Instance() {
             return m_pSessionControlProxy;
         }
     }
-    // Before the lock: whoever forks while it is held has a client already and leaves the child none.
+    // Not under the lock: this may create the client.
     std::shared_ptr<TIIpcClient> client = TCIpcClientInstance::GetInstance();
     if (forkedChild) {
         return nullptr;

@@ -2,13 +2,18 @@
 #include "FlavourFixture.h"
 #include "ProxyFaults.h"
 #include "ProxyFixture.h"
+#include "SleepingFork.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <future>
 #include <stdexcept>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 
 // The flat functions over a registry of the test's own.
 
@@ -26,6 +31,7 @@ protected:
         FakeRegistry::client.reset();
         delete std::exchange(TestAccess::TheProxy(), nullptr);
         ProxyFaults::beforeExclusive = nullptr;
+        ProxyFaults::afterShared = nullptr;
         ProxyFaults::sharedErrors = 0;
     }
 
@@ -170,6 +176,29 @@ TEST_F(SessionFlat, TheProxyIsCreatedOnceWhenThreadsRaceForIt) {
     SessionControlProxy* second = SessionControlProxy::Instance();
     EXPECT_NE(nullptr, first);
     EXPECT_EQ(first, second);
+}
+
+// The child has no thread that would give the lock back.
+TEST_F(SessionFlat, AChildThatIsForkedWhileAThreadLooksForTheProxyCreatesItsOwn) {
+    std::promise<void> looking;
+    std::promise<void> forked;
+    ProxyFaults::afterShared = [&] {
+        looking.set_value();
+        forked.get_future().wait();
+    };
+    std::thread first([] { SessionControl__Open(); });
+    looking.get_future().wait();
+    const pid_t child = ForkWhileOthersSleep();
+    if (child == 0) {
+        alarm(20);
+        _exit(SessionControl__Open() == 0 && SessionControl__Close() == 0 ? 0 : 1);
+    }
+    forked.set_value();
+    first.join();
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(0, SessionControl__Close());
 }
 
 // A callback of the client that comes back while the session lock is held would wait for itself.

@@ -8,6 +8,7 @@
 namespace MavixTest {
 
 std::function<int()> ProxyFaults::beforeExclusive;
+std::function<void()> ProxyFaults::afterShared;
 std::atomic<int> ProxyFaults::sharedErrors{0};
 int ProxyFaults::sharedError = 0;
 bool ProxyFaults::noSymbols = false;
@@ -42,7 +43,11 @@ int __wrap_pthread_rwlock_rdlock(pthread_rwlock_t* lock) {
         --ProxyFaults::sharedErrors;
         return ProxyFaults::sharedError;
     }
-    return __real_pthread_rwlock_rdlock(lock);
+    const int result = __real_pthread_rwlock_rdlock(lock);
+    if (ProxyFaults::afterShared) {
+        std::exchange(ProxyFaults::afterShared, nullptr)();
+    }
+    return result;
 }
 
 char** __wrap_backtrace_symbols(void* const* frames, int count) {

@@ -11,6 +11,8 @@ namespace MavixTest {
 struct ProxyFaults {
     // Runs before a lock is taken exclusively; a result other than 0 is the lock's error.
     static std::function<int()> beforeExclusive;
+    // Runs once, when a lock has been shared.
+    static std::function<void()> afterShared;
     // The error of the next so many attempts to share a lock.
     static std::atomic<int> sharedErrors;
     static int sharedError;
