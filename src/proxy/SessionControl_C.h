@@ -10,8 +10,9 @@
  * Results: 0 success, -1 failure, -2 invalid argument; other results of an open, a close or the sessions'
  * text are the service's own. Failures are written to the platform's log.
  *
- * - The first and the last of several opens and closes wait for the service's answer, within the bus
- * library's limit of 25 s; others that come meanwhile wait with them.
+ * - The first and the last of several opens and closes wait for the service to come, as every call does
+ * (IPCConnection_C.h), and for its answer, within the bus library's limit of 25 s; others that come
+ * meanwhile wait with them.
  * - After the first use the client is kept until the process has gone: its threads run through the exit.
  * - After a fork without exec every function fails at once in the child, if its parent had created the
  *   client. The parent's session is not the child's. */
