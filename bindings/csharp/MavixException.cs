@@ -19,7 +19,7 @@ namespace Norvale.Mavix
         /// <summary>The arguments are larger than a call may carry.</summary>
         ArgumentsTooLarge,
 
-        /// <summary>The bus did not accept the request for events, or the request to end them.</summary>
+        /// <summary>The bus did not accept the request for events.</summary>
         RuleFailed,
 
         /// <summary>The service refused the session, or was not reachable.</summary>
