@@ -1,9 +1,11 @@
 #include "ClientFixture.h"
 
+#include "FlatCallBuffers.h"
 #include "FlavourFixture.h"
 #include "LiteUtility.h"
 
 #include <cerrno>
+#include <optional>
 
 // What Call and CallAsync hand to the connection, and what they say when that fails.
 
@@ -96,6 +98,36 @@ TEST_F(CallRequest, AnAsynchronousCallWantsNoReply) {
     EXPECT_EQ((Bytes{1, 2}), request.payload);
     ASSERT_TRUE(Call());
     EXPECT_FALSE(Requests().back().noReply);
+}
+
+// Only a flat function's own buffers are given to messages and arrays, and only by its own call.
+TEST_F(CallRequest, LeavesTheBuffersOfOtherCallersToThem) {
+    AnswerWith("(byte 1, 0, [byte 0x78])");
+    const auto textOf = [](const TCMessageBuffer& buffer) {
+        const char* data = buffer.GetAsCStr(0);
+        return data != nullptr ? std::string(data, buffer.PayloadSize()) : "";
+    };
+    for (const bool isWithinAFlatCall : {false, true}) {
+        SCOPED_TRACE(isWithinAFlatCall);
+        std::optional<TCFlatCallBuffers> flat;
+        if (isWithinAFlatCall) {
+            flat.emplace().Input().PushConcatenated(4, "flat");
+        }
+        TCMessageBuffer input;
+        TCMessageBuffer output;
+        input.PushConcatenated(3, "abc");
+        ASSERT_TRUE(Client().Call("com.norvale.ITest", 0, input, output));
+        EXPECT_EQ((Bytes{'a', 'b', 'c'}), Requests().back().payload);
+        ASSERT_TRUE(Client().CallAsync("com.norvale.ITest", 0, input));
+        EXPECT_EQ((Bytes{'a', 'b', 'c'}), Requests().back().payload);
+        EXPECT_EQ("abc", textOf(input));
+        EXPECT_EQ("x", textOf(output));
+        if (isWithinAFlatCall) {
+            EXPECT_EQ("flat", textOf(flat->Input()));
+            std::size_t size = 0;
+            EXPECT_EQ(nullptr, flat->ReleaseResult(size));
+        }
+    }
 }
 
 TEST_F(CallRequest, FiveFunctionsCarryTheTimeOfSending) {
