@@ -76,14 +76,6 @@ bool AreFree(std::size_t count) {
     return enough;
 }
 
-// When the library leaves the process.
-[[gnu::destructor]] void CloseAll() {
-    for (Place& place : s_spares) {
-        Close(Take(place));
-    }
-    Close(Take(s_base));
-}
-
 } // namespace
 
 TCDescriptorLender::TCDescriptorLender() {

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <functional>
 #include <future>
 #include <sys/wait.h>
@@ -207,6 +208,43 @@ TEST(Fork, InASessionTheChildFailsAtOnceWhoeverHeldTheLocksAndTheParentGoesOn) {
     const TCPrivateBus bus;
     const TCSimProcess service(bus);
     ExpectAtOnce("ForkInASession", Scaled(40), 150);
+}
+
+// A daemon's way: closes what it inherited, opens its own, and leaves writing it to the end of the process.
+MAVIX_CHILD(ForkAndOpenOwnFiles) {
+    constexpr int ownFiles = 100;
+    int ends[2] = {-1, -1};
+    if (!EchoWorks() || pipe2(ends, O_CLOEXEC) != 0) {
+        return 1;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        isForkedChild = true;
+        constexpr int first = STDERR_FILENO + 1;
+        dup2(ends[1], first);
+        close_range(first + 1, ~0U, 0);
+        for (int at = 0; at < ownFiles; ++at) {
+            std::fputc('x', fdopen(dup(first), "w"));
+        }
+        close(first);
+        std::exit(0);
+    }
+    close(ends[1]);
+    int written = 0;
+    for (char byte = 0; read(ends[0], &byte, 1) == 1;) {
+        ++written;
+    }
+    close(ends[0]);
+    std::printf("%d of %d", written, ownFiles);
+    return ExitStatusOf(child);
+}
+
+TEST(Fork, AfterUseTheEndOfTheChildLeavesItsOwnFilesAlone) {
+    const TCPrivateBus bus;
+    const TCSimProcess service(bus);
+    const ChildResult result = RunChildProgram("ForkAndOpenOwnFiles");
+    EXPECT_EQ(0, result.exitCode) << "signal " << result.signal << '\n' << result.errors;
+    EXPECT_EQ("100 of 100", result.output);
 }
 
 MAVIX_CHILD(ForkBeforeUse) {
