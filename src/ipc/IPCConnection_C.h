@@ -9,6 +9,8 @@
  * result: false is all that a caller learns. Texts and bytes that are passed in are copied, never kept.
  *
  * - A process without a system bus is stopped shortly after the first use, except on a release build.
+ * - Creating the client takes about 30 free file descriptors: while there are fewer, the functions that need
+ *   it fail. So does a call for which none is left.
  * - Requests wait until the client has connected: for up to 10 s until the bus is ready, and for a bus that
  *   accepts and stays silent without limit.
  * - Calls, also those without a result, to a bus name of the service without owner wait until it has one,

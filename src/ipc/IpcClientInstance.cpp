@@ -7,9 +7,11 @@
 #include "SpareDescriptor.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <mutex>
 #include <pthread.h>
+#include <system_error>
 #include <thread>
 
 namespace MavixApiLite {
@@ -98,7 +100,7 @@ void RegisterHandlers(TCRegistry& registry) {
     }
 }
 
-// Empty when the process has begun to exit, or has too few descriptors left for a new client.
+// Empty when the process has begun to exit.
 std::shared_ptr<TCIpcClient> CopyOrCreate(TCRegistry& registry) {
     RegisterHandlers(registry);
     const TCReaderMark mark(registry);
@@ -115,19 +117,13 @@ std::shared_ptr<TCIpcClient> CopyOrCreate(TCRegistry& registry) {
     if (!registry.instanceInitialized) {
         // The first use of the default context would stop the process; a later call may find enough.
         if (!CanConnectWithDescriptors()) {
-            return nullptr;
+            throw std::system_error(EMFILE, std::generic_category(),
+                                    "too few file descriptors are left for a client");
         }
         CreateClient(registry);
         registry.instanceInitialized.exchange(true);
     }
     return registry.instance;
-}
-
-const char* WhyNone(const TCRegistry& registry) {
-    if (registry.forkedChild) {
-        return "this process was forked after the client was created";
-    }
-    return registry.exiting ? "the process is exiting" : "too few file descriptors are left";
 }
 
 } // namespace
@@ -138,7 +134,9 @@ std::shared_ptr<TIIpcClient> TCIpcClientInstance::GetInstance() {
     // comes near the counter again, so that the exit handler is not kept waiting.
     std::shared_ptr<TCIpcClient> instance = IsGone() ? nullptr : CopyOrCreate(registry);
     if (!instance) {
-        MAVIX_LOGE("[API_LITE] no client: %s", WhyNone(registry));
+        MAVIX_LOGE("[API_LITE] no client: %s", registry.forkedChild
+                                                   ? "this process was forked after the client was created"
+                                                   : "the process is exiting");
     }
     return instance;
 }

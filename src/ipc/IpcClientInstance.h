@@ -12,7 +12,7 @@ class MAVIX_API_EXPORT TCIpcClientInstance {
 public:
     // The client, created on first use; any thread. Empty, with one error line, once the process has begun to
     // exit and in a child that was forked after the client was created. What creating it throws passes
-    // through, and the next caller tries again.
+    // through, std::system_error when too few file descriptors are left, and the next caller tries again.
     static std::shared_ptr<TIIpcClient> GetInstance();
 
     // Whether GetInstance is empty for one of these two reasons.
