@@ -118,6 +118,12 @@ TCIpcClient::~TCIpcClient() {
     // The connecting thread fills in what is destroyed next.
     m_connection->WaitConnected();
     m_signalsLoopHandler.reset();
+    // Waits for a running callback while messages can still be filtered: libdbus gives the answer that it may
+    // be waiting for on the thread that filters.
+    for (std::size_t slot = 0; slot < m_callbacks.size(); ++slot) {
+        const std::lock_guard<std::recursive_mutex> lock(m_callbackMutexes[slot]);
+        m_callbacks[slot] = nullptr;
+    }
     {
         const std::lock_guard<std::mutex> lock(m_sourceHandlersMutex);
         m_busSourceHandler.reset();
