@@ -27,8 +27,8 @@ namespace MavixApiLite {
 //
 // Calls run on any thread. The connection calls back on its connecting thread (InitializeIpcConnection) and
 // on its dispatch thread (FilterIpcMessage), bus messages are handled on "SignalsThread", events on the
-// thread that iterates the default context. No operation takes two of the locks; none is held during a bus
-// request.
+// thread that iterates the default context. No operation takes two of the locks; none is held while the bus
+// is waited for.
 class MAVIX_API_EXPORT TCIpcClient : public TIIpcClient, public TIIpcConnectionOwner {
 public:
     // Starts connecting and does not wait. Configuration and connection are not null. Events are delivered

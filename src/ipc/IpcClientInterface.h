@@ -21,9 +21,9 @@ public:
     virtual bool AddMatchRule(EIPCMessageType type, int id, const MAVIXHandle& handle) = 0;
     virtual bool RemoveMatchRule(EIPCMessageType type, int id, const MAVIXHandle& handle) = 0;
     // Calls a function of the service with at most 16,777,216 bytes of input, waits for its result and
-    // appends that to `output`. Waits 25 s for a bus name without owner, 50 s in the debug flavour, and then
-    // 25 s for the result, at most. A failed call leaves `output` as it was, unless the reply is broken
-    // behind its payload.
+    // appends that to `output`. Waits 25 s for a bus name without owner, 50 s in the debug flavour, and the
+    // last question to the bus, and then 25 s for the result, at most. A failed call leaves `output` as it
+    // was, unless the reply is broken behind its payload.
     virtual bool Call(const std::string& interfaceName, short functionCode, TCMessageBuffer& input,
                       TCMessageBuffer& output) = 0;
     // Calls without waiting for a result. True when the message was accepted for sending.
