@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 
@@ -169,6 +170,33 @@ TEST_F(Relay, ASecondCreateClearsTheCallbacksThatWereSetThroughTheFirst) {
     TCPIConnection_Callback_DATA(1, nullptr, 0);
     EXPECT_THAT(RelayedEvents(), ElementsAre(Relayed{1, ""}));
     TCIPCConnection_Destroy(second);
+}
+
+// Nothing calls them for an event, but they are kept, cleared and called like the others.
+TEST_F(Relay, TheTypesAboveTheElevenHaveCallbacksAllTheSame) {
+    const std::pair<const char*, std::function<void()>> ends[] = {
+        {"a second create", [] { TCIPCConnection_Destroy(TCIPCConnection_Create("", "", false)); }},
+        {"unsetting", [this] {
+             for (const int type : {11, 12, 13}) {
+                 TCPIConnection_UnsetCallbackFunction(m_handle, type);
+             }
+         }}};
+    for (const auto& [name, end] : ends) {
+        SCOPED_TRACE(name);
+        RelayedEvents().clear();
+        for (const int type : {11, 12, 13}) {
+            Set(type, keepers[type]);
+            TCPIConnection_Callback(Type(type), 5, "a", 1);
+        }
+        EXPECT_THAT(RelayedEvents(),
+                    ElementsAre(Relayed{11005, "a"}, Relayed{12005, "a"}, Relayed{13005, "a"}));
+        RelayedEvents().clear();
+        end();
+        for (const int type : {11, 12, 13}) {
+            TCPIConnection_Callback(Type(type), 5, "a", 1);
+        }
+        EXPECT_THAT(RelayedEvents(), IsEmpty());
+    }
 }
 
 TEST_F(Relay, DestroyingTheHandleLeavesItsCallbacks) {
