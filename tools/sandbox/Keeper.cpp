@@ -20,17 +20,22 @@ namespace {
 // Who kills by name wants the sandbox, and not the one that clears up after it.
 const char* const keeperName = "mavix-keeper";
 
+// What the keeper tells by. It is taken up after the terminal's interrupts that came before it, as their
+// numbers are lower, and from others it means nothing.
+constexpr int commandRuns = SIGURG;
+
 sigset_t HandledSignals() {
     sigset_t handled;
     ::sigemptyset(&handled);
     // Writing to the terminal does not stop the keeper, which is in the background.
-    for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGCHLD, SIGTTOU})
+    for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGCHLD, SIGTTOU, commandRuns})
         ::sigaddset(&handled, signal);
     return handled;
 }
 
 // The status as of waitpid.
 int AwaitKeeper(pid_t keeper, const sigset_t& handled) {
+    bool hasCommand = false;
     for (;;) {
         siginfo_t info{};
         const int signal = ::sigwaitinfo(&handled, &info);
@@ -40,10 +45,17 @@ int AwaitKeeper(pid_t keeper, const sigset_t& handled) {
                 return status;
             continue;
         }
-        // The terminal sends its signals to the whole group: the command has it and decides what it means.
-        const bool isTheCommands =
-            info.si_code == SI_KERNEL && (signal == SIGINT || signal == SIGQUIT || signal == SIGTTOU);
-        if (signal > 0 && !isTheCommands)
+        if (signal == commandRuns) {
+            hasCommand = hasCommand || info.si_pid == keeper;
+            continue;
+        }
+        // The terminal sends its signals to the whole group: a command in it has it, too, and decides what it
+        // means.
+        const bool isTerminals = info.si_code == SI_KERNEL;
+        const bool isInterrupt = isTerminals && (signal == SIGINT || signal == SIGQUIT);
+        if (isInterrupt && !hasCommand)
+            ::sigqueue(keeper, signal, {});
+        else if (signal > 0 && !isInterrupt && !(isTerminals && signal == SIGTTOU))
             ::kill(keeper, signal);
     }
 }
@@ -55,6 +67,10 @@ bool Kept::IsAbandoned() const {
     return ::poll(&wanted, 1, 0) > 0;
 }
 
+void Kept::TellThatCommandRuns() const {
+    ::kill(sandbox, commandRuns);
+}
+
 int RunInKeeper(const std::function<int(Kept&)>& body) {
     Kept kept;
     Pipe lifeline = MakePipe();
@@ -62,6 +78,7 @@ int RunInKeeper(const std::function<int(Kept&)>& body) {
     ::sigprocmask(SIG_BLOCK, &handled, &kept.originalMask);
     // Who starts us may have ignored the end of its children, which we would then not hear of.
     ::signal(SIGCHLD, SIG_DFL);
+    kept.sandbox = ::getpid();
     kept.group = ::getpgrp();
     AdoptOrphans();
     std::fflush(nullptr);

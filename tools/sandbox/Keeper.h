@@ -16,8 +16,12 @@ struct Kept {
     // Readable when the process that started the keeper has been killed.
     TCDescriptor lifeline;
     bool IsAbandoned() const;
-    // That process's group, which the terminal sends its signals to.
+    // That process, and its group, which the terminal sends its signals to.
+    pid_t sandbox = 0;
     pid_t group = 0;
+    // To be called when the command is in that group: the terminal's interrupts, which are handed on before,
+    // are the command's from then on.
+    void TellThatCommandRuns() const;
 };
 
 // Runs the body in a process of its own, the keeper, and waits for it; the result is the body's. This process

@@ -34,6 +34,16 @@ std::filesystem::path OwnFolder() {
     return std::filesystem::read_symlink("/proc/self/exe").parent_path();
 }
 
+// One that asks for the end and came before there was a command to hand it to; 0 for none.
+int EarlySignal() {
+    sigset_t pending;
+    ::sigpending(&pending);
+    for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP})
+        if (::sigismember(&pending, signal) == 1)
+            return signal;
+    return 0;
+}
+
 // Beside ourselves, else whatever PATH gives.
 std::string FindSim() {
     const std::filesystem::path beside = OwnFolder() / "mavix-sim";
@@ -68,7 +78,10 @@ TCSandbox::~TCSandbox() {
 
 int TCSandbox::Run() {
     m_StartServices();
-    return m_kept.IsAbandoned() ? sandboxFailed : m_JudgeScenario(m_RunCommand());
+    if (m_kept.IsAbandoned())
+        return sandboxFailed;
+    const int signal = EarlySignal();
+    return signal != 0 ? ShellStatus(signal) : m_JudgeScenario(m_RunCommand());
 }
 
 int TCSandbox::m_JudgeScenario(int status) {
@@ -131,6 +144,7 @@ int TCSandbox::m_RunCommand() {
             m_options.startService ? "" : "out");
     try {
         TCChildProcess command(m_CommandOptions());
+        m_kept.TellThatCommandRuns();
         return m_WaitForCommand(command);
     } catch (const std::system_error& error) {
         std::fprintf(stderr, "mavix-sandbox: %s\n", error.what());
@@ -175,7 +189,9 @@ void TCSandbox::m_HandleSignal(TCChildProcess& command) {
         return;
     }
     command.Signal(signal);
-    if (!m_killTime)
+    // The terminal's interrupt does not end a command that goes on.
+    const bool isInterrupt = info.ssi_code == SI_QUEUE;
+    if (!isInterrupt && !m_killTime)
         m_killTime = std::chrono::steady_clock::now() + commandGrace;
 }
 

@@ -221,6 +221,36 @@ TEST_F(Sandbox, LeavesTheTerminalsInterruptToTheCommand) {
     EXPECT_TRUE(NothingIsLeft());
 }
 
+// Whether it ends the sandbox before it blocks signals, before there is a command, or the command.
+TEST_F(Sandbox, AnInterruptFromTheTerminalIsNotLostWheneverItComes) {
+    constexpr unsigned int longestMs = 60;
+    for (unsigned int number = 0; number < Scaled(120); ++number) {
+        int terminal = -1;
+        const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+        if (pid == 0) {
+            ::setenv("XDG_RUNTIME_DIR", m_temporary.Path().c_str(), 1);
+            ::execl(MAVIX_TEST_SANDBOX, "mavix-sandbox", "sleep", "1000", nullptr);
+            ::_exit(1);
+        }
+        const MavixTools::TCDescriptor owned(terminal);
+        // It has the terminal then.
+        EXPECT_TRUE(Await([&] { return NameOf(pid) == "mavix-sandbox"; }));
+        // Any moment will do.
+        const std::chrono::milliseconds moment(number % longestMs);
+        std::this_thread::sleep_for(moment);
+        EXPECT_EQ(::write(terminal, "\x03", 1), 1);
+        int status = 0;
+        if (!Await([&] { return ::waitpid(pid, &status, WNOHANG) == pid; })) {
+            ADD_FAILURE() << "goes on after an interrupt after " << moment.count() << " ms";
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, &status, 0);
+            break;
+        }
+        EXPECT_EQ(ShellStatus(status), 128 + SIGINT) << "after " << moment.count() << " ms";
+    }
+    EXPECT_TRUE(Await([&] { return NothingIsLeft(); }));
+}
+
 // A shell that reads its orders from a pipe.
 TEST_F(Sandbox, RunsTheUsersShellOnRequest) {
     struct Row {
