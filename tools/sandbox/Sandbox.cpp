@@ -22,12 +22,13 @@ namespace {
 constexpr std::chrono::seconds commandGrace{5};
 constexpr std::chrono::seconds judgementLimit{20};
 
-// What the stand-in service says of its scenario; nothing when it says nothing.
-void PrintReport(const std::string& path) {
+// What the stand-in service says of its scenario; false when it says nothing.
+bool PrintReport(const std::string& path) {
     std::ifstream file(path);
     const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     if (!text.empty())
         std::fprintf(stderr, "mavix-sandbox: %s", text.c_str());
+    return !text.empty();
 }
 
 std::filesystem::path OwnFolder() {
@@ -116,9 +117,12 @@ void TCSandbox::m_StartServices() {
     try {
         m_sim =
             std::make_unique<TCSimService>(FindSim(), simOptions, m_bus->Address(), !m_options.showDaemons);
-    } catch (const std::runtime_error&) {
-        PrintReport(m_ReportPath());
+    } catch (const std::system_error&) {
         throw;
+    } catch (const std::runtime_error& error) {
+        if (PrintReport(m_ReportPath()) || m_options.showDaemons)
+            throw;
+        throw std::runtime_error(std::string(error.what()) + "; --verbose shows what it says");
     }
 }
 

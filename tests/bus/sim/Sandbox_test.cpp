@@ -82,6 +82,23 @@ TEST_F(Sandbox, SaysWhatIsWrongWithItsOptions) {
     }
 }
 
+TEST_F(Sandbox, SaysHowToSeeWhyTheServiceDidNotStart) {
+    for (const bool isVerbose : {false, true}) {
+        Arguments arguments{"--sim-option=--nonsense", "--", "true"};
+        if (isVerbose)
+            arguments.insert(arguments.begin(), "--verbose");
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(Run(arguments), 125);
+        const std::string errors = testing::internal::GetCapturedStderr();
+        const bool hasHint =
+            errors.find("mavix-sim did not start; --verbose shows what it says\n") != std::string::npos;
+        EXPECT_EQ(hasHint, !isVerbose) << errors;
+        EXPECT_EQ(errors.find("mavix-sim: unrecognized option '--nonsense'\n") != std::string::npos,
+                  isVerbose)
+            << errors;
+    }
+}
+
 TEST_F(Sandbox, GivesTheCommandTheServiceOnABusOfItsOwn) {
     TCChildProcess sandbox = StartWaiting();
     EXPECT_EQ(ReadNote().rfind("unix:path=" + m_temporary.Path() + "/", 0), 0u) << ReadNote();
