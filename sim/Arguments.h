@@ -15,7 +15,8 @@ inline std::string Text(const char* text) {
     return text != nullptr ? text : "";
 }
 
-// Reads the arguments of one message in their order. Throws Refusal when the next one is of another type.
+// Reads the arguments of one message in their order. Throws Refusal when the next one is of another type, or
+// a text that cannot be read.
 class TCArguments final {
 public:
     explicit TCArguments(sd_bus_message* message) : m_message(message) {}
@@ -61,7 +62,9 @@ public:
     std::string TakeString(const char* what) {
         m_Expect("s", what);
         const char* value = nullptr;
-        Check(sd_bus_message_read_basic(m_message, 's', &value), "read a string");
+        // Buses pass on texts, such as one with U+FFFE, that the bus library does not hand out.
+        if (sd_bus_message_read_basic(m_message, 's', &value) < 0)
+            throw Refusal(std::string(what) + ": a text that cannot be read");
         return value;
     }
 

@@ -223,7 +223,6 @@ Message Decode(sd_bus_message* message, std::uint64_t atUs) {
     } catch (const Refusal& refusal) {
         decoded.deviation = refusal.what();
     } catch (const std::system_error& error) {
-        // Buses pass on texts, such as one with U+FFFE, that the bus library does not hand out.
         decoded.deviation = std::string("cannot ") + error.what();
     }
     Check(sd_bus_message_rewind(message, 1), "rewind a message");

@@ -336,7 +336,7 @@ TEST_F(ControlMonitor, GoesOnAfterATextThatItCannotRead) {
     EXPECT_THAT(result.errors, HasSubstr("mavixctl: #1 is not recorded: cannot read a text: Bad message\n"));
     const std::vector<json> all = result.Objects();
     ASSERT_EQ(all.size(), 2u) << result.output;
-    EXPECT_EQ(all[0].at("deviation"), "cannot read a string: Bad message");
+    EXPECT_EQ(all[0].at("deviation"), "event id: a text that cannot be read");
     EXPECT_EQ(all[1].at("id"), 7);
     const MavixTraffic::Recording recording = MavixTraffic::ReadRecording(path);
     ASSERT_EQ(recording.events.size(), 1u);

@@ -1,5 +1,7 @@
 #include "SimFixture.h"
 
+#include "ChildProcess.h"
+
 namespace MavixTest {
 
 namespace {
@@ -230,6 +232,27 @@ TEST_F(SimStrictness, RefusesEveryDeviationWithItsReason) {
         EXPECT_EQ(records[0]["ok"], false);
         EXPECT_EQ(records[0]["reason"], reply.errorText);
     }
+}
+
+TEST_F(SimStrictness, RefusesAProgramNameThatCannotBeRead) {
+    // U+FFFE, which the bus passes on.
+    MavixTools::ChildOptions sender;
+    sender.program = "sh";
+    sender.arguments = {
+        "-c",
+        "exec dbus-send --bus=$0 --type=method_call --print-reply --dest=com.norvale.MavixAPI "
+        "/com/norvale/Object com.norvale.ITest.MethodCall int32:$1 int32:0 int32:$$ string:$2",
+        m_bus.Address(), std::to_string(Header(7, 2)), "a\xEF\xBF\xBE"};
+    const std::string reason = "program name: a text that cannot be read";
+    testing::internal::CaptureStderr();
+    const int status = MavixTools::ShellStatus(*MavixTools::TCChildProcess(sender).Wait());
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error com.norvale.Error.BadCall: " + reason + "\n");
+    EXPECT_EQ(status, 1);
+    const auto records = m_driver.Records();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0]["ok"], false);
+    EXPECT_EQ(records[0]["reason"], reason);
+    EXPECT_EQ(records[0]["programName"], nullptr);
 }
 
 TEST_F(SimStrictness, RefusesACallAddressedToItsUniqueName) {
