@@ -4,6 +4,8 @@
 #include "CallDecoder.h"
 #include "Clock.h"
 
+#include "Hex.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -139,19 +141,24 @@ MessageHandle MakeBigReply(TCReplyWriter writer, const Parameter& parameter) {
     return writer.Byte(wellFormed).LengthAndArray(payload.data(), payload.size()).Finish();
 }
 
+// What is no text for a bus, as one.
+std::string Printable(const std::string& bytes) {
+    return MavixTraffic::ToPrintable(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+}
+
 MessageHandle MakeErrorReply(sd_bus_message* request, Behaviour behaviour, const Parameter& parameter) {
     const std::string wanted = parameter.Text();
     const std::string given = wanted.empty() ? "com.norvale.Error.Refused\nRefused on request." : wanted;
     const std::size_t nameEnd = std::min(given.find('\n'), given.size());
     const std::string name = given.substr(0, nameEnd);
     if (sd_bus_interface_name_is_valid(name.c_str()) == 0)
-        throw Refusal("'" + name + "' cannot be the name of an error");
+        throw Refusal("'" + Printable(name) + "' cannot be the name of an error");
     MessageHandle error = NewError(request, name);
+    const std::string text = nameEnd < given.size() ? &given[nameEnd + 1] : "";
     if (behaviour == Behaviour::ErrorIntText)
         Check(sd_bus_message_append(error.get(), "i", 7), "append");
-    else if (behaviour == Behaviour::Error)
-        Check(sd_bus_message_append(error.get(), "s", nameEnd < given.size() ? &given[nameEnd + 1] : ""),
-              "append");
+    else if (behaviour == Behaviour::Error && sd_bus_message_append(error.get(), "s", text.c_str()) < 0)
+        throw Refusal("'" + Printable(text) + "' cannot be the text of an error");
     return error;
 }
 

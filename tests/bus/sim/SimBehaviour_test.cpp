@@ -72,6 +72,19 @@ TEST_F(SimBehaviour, ErrorsComeWithoutTextOrWithANumber) {
 TEST_F(SimBehaviour, RefusesAnErrorNameThatDBusDoesNotAllow) {
     const RawReply reply = m_client.Call(TestCall(Behaviour::Error, TextBytes("no name")));
     EXPECT_EQ(reply.errorName, "com.norvale.Error.BadCall");
+    EXPECT_EQ(reply.errorText, "'no name' cannot be the name of an error");
+}
+
+TEST_F(SimBehaviour, RefusesErrorsWhoseNameOrTextIsNoText) {
+    const Bytes noText{0xff, 0x01};
+    RawReply reply = m_client.Call(TestCall(Behaviour::Error, noText));
+    EXPECT_EQ(reply.errorName, "com.norvale.Error.BadCall");
+    EXPECT_EQ(reply.errorText, "'..' cannot be the name of an error");
+    Bytes named = TextBytes("com.example.Failed\n");
+    named.insert(named.end(), noText.begin(), noText.end());
+    reply = m_client.Call(TestCall(Behaviour::Error, named));
+    EXPECT_EQ(reply.errorName, "com.norvale.Error.BadCall");
+    EXPECT_EQ(reply.errorText, "'..' cannot be the text of an error");
 }
 
 TEST_F(SimBehaviour, BrokenByteHasBitZeroClear) {
