@@ -70,7 +70,7 @@ void TCResponder::Respond(sd_bus_message* request, const Call& call) {
         Refuse(request, call, "the test interface has no function " + std::to_string(call.Code()));
         return;
     }
-    std::uint32_t delayMs = m_delayMs + plan->delayMs;
+    std::uint64_t delayMs = std::uint64_t{m_delayMs} + plan->delayMs;
     if (plan->behaviour == Behaviour::Delay)
         delayMs += Milliseconds(ParameterOf(call, *plan));
     if (delayMs == 0 && !plan->hold) {

@@ -2,9 +2,18 @@
 
 #include "Trampoline.h"
 
+#include <algorithm>
 #include <ctime>
+#include <limits>
 
 namespace MavixSim {
+
+namespace {
+
+// Behind every time that a clock reaches, and before the one that the event loop takes for none.
+constexpr std::uint64_t never = std::numeric_limits<std::uint64_t>::max() / 2;
+
+} // namespace
 
 TCTimers::TCTimers(sd_event* event) : m_event(event) {
     sd_event_source* source = nullptr;
@@ -13,8 +22,9 @@ TCTimers::TCTimers(sd_event* event) : m_event(event) {
     Check(sd_event_source_set_enabled(source, SD_EVENT_OFF), "pause a timer");
 }
 
-void TCTimers::After(std::uint32_t milliseconds, std::function<void()> action) {
-    const std::uint64_t due = m_Now() + std::uint64_t{milliseconds} * 1000;
+void TCTimers::After(std::uint64_t milliseconds, std::function<void()> action) {
+    const std::uint64_t now = m_Now();
+    const std::uint64_t due = now + std::min(milliseconds, (never - now) / 1000) * 1000;
     m_timers.emplace(std::pair(due, ++m_lastNumber), std::move(action));
     m_Arm();
 }

@@ -18,7 +18,7 @@ public:
     TCTimers(const TCTimers&) = delete;
     TCTimers& operator=(const TCTimers&) = delete;
 
-    void After(std::uint32_t milliseconds, std::function<void()> action);
+    void After(std::uint64_t milliseconds, std::function<void()> action);
     std::size_t Waiting() const { return m_timers.size(); }
 
 private:

@@ -40,7 +40,7 @@ void TCReplay::Respond(sd_bus_message* request, const Call& call, const std::str
 
 void TCReplay::m_Play(const std::vector<RecordedStep>& steps, const Request& request) {
     for (const RecordedStep& step : steps) {
-        const auto delayMs = static_cast<std::uint32_t>(m_replayed.isFast ? 0 : step.afterUs / 1000);
+        const std::uint64_t delayMs = m_replayed.isFast ? 0 : step.afterUs / 1000;
         // Those of the same time keep their order.
         if (delayMs == 0)
             m_Do(step, request);

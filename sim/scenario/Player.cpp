@@ -162,7 +162,7 @@ void TCPlayer::m_Swap(const Step& step, std::function<void()> answer) {
 void TCPlayer::m_DoAt(std::uint64_t dueMs, const Action& action, const std::string& caller,
                       std::uint64_t done, TCProgress::Counter* kept) {
     const std::uint64_t now = MonotonicMs();
-    const auto delay = static_cast<std::uint32_t>(dueMs > now ? dueMs - now : 0);
+    const std::uint64_t delay = dueMs > now ? dueMs - now : 0;
     m_parts.timers.After(delay, [this, dueMs, &action, caller, done, kept] {
         // Kept and continued before, as the action may end the process, or fail.
         if (kept != nullptr)

@@ -255,6 +255,17 @@ TEST_F(ControlReplay, TheTimingIsTheRecordedOneOrNone) {
     EXPECT_LT(seconds("fast"), 14);
 }
 
+TEST_F(ControlReplay, AnAnswerThatTookMonthsOrForEverDoesNotComeAtOnce) {
+    RawCall call;
+    call.interface = "com.norvale.IAVControl";
+    for (const std::uint64_t at : {std::uint64_t{0x100000001} * 1000, ~std::uint64_t{0}}) {
+        WriteLines(CallLine(0, 1, 0) + ReplyLine(at, 1), 2);
+        Replaying replaying(m_path, "recorded");
+        EXPECT_TRUE(replaying.client.Call(call, std::chrono::milliseconds(300)).IsError()) << at << " us";
+        EXPECT_EQ(TCSimDriver(replaying.bus).Stats().at("waiting"), 1) << at << " us";
+    }
+}
+
 TEST_F(ControlReplay, ACallThatWasNotAnsweredIsNotAnsweredAgain) {
     WriteLines(CallLine(1000, 1, 0), 1);
     RawCall call;

@@ -117,6 +117,14 @@ TEST_F(SimControl, SetDelayHoldsUpEveryAnswer) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
 }
 
+TEST_F(SimControl, DelaysAddUpBeyondWhatEachCanBe) {
+    m_driver.SetDelay(std::chrono::milliseconds(0xffffffff));
+    const RawReply reply =
+        m_client.Call(TestCall(Behaviour::Delay, IntBytes(1)), std::chrono::milliseconds(300));
+    EXPECT_TRUE(reply.IsError()) << "by the client itself, for the time is over";
+    EXPECT_EQ(m_driver.Stats().at("waiting"), 1);
+}
+
 TEST_F(SimControl, SetReplyAnswersOneFunctionOrAllOthers) {
     m_driver.SetReply("com.norvale.ITest", 5, Behaviour::Echo, {1, 2, 3, 4});
     m_driver.SetReply("", 0, Behaviour::Error, TextBytes("com.example.All\ntext"));
