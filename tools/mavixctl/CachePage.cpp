@@ -4,12 +4,15 @@
 
 #include <IPCCache/SegmentCheck.h>
 #include <IPCCache/SegmentView.h>
+#include <boost/interprocess/managed_external_buffer.hpp>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <mavix-api/Handles.h>
+#include <new>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -135,6 +138,20 @@ std::size_t TCCachePage::FreeBytes() const {
     const std::size_t used =
         TCSegmentView(m_page.data(), m_page.size()).Word(Layout::allocatedBytes) + Layout::firstBlock;
     return m_page.size() - std::min(used, m_page.size());
+}
+
+// Tried on a copy, as the library does it: bookkeeping takes room, too, and what is free may be in pieces.
+bool TCCachePage::HasRoomFor(const std::string& key, std::size_t size) const {
+    namespace ipc = boost::interprocess;
+    using Segment = ipc::basic_managed_external_buffer<
+        char, ipc::rbtree_best_fit<ipc::null_mutex_family, ipc::offset_ptr<void>>, ipc::iset_index>;
+    std::vector<std::max_align_t> copy(m_page.size() / sizeof(std::max_align_t) + 1);
+    std::memcpy(copy.data(), m_page.data(), m_page.size());
+    Segment segment(ipc::open_only, copy.data(), m_page.size());
+    segment.destroy<char>(key.c_str());
+    // Boost takes a longer name for a short one.
+    return size <= segment.get_free_memory() && key.size() <= Layout::longestName &&
+           segment.construct<char>(key.c_str(), std::nothrow)[size]() != nullptr;
 }
 
 const char* Name(TCCachePage::EState state) {

@@ -49,6 +49,8 @@ public:
     bool IsSound() const;
     bool HasHeader() const;
     std::size_t FreeBytes() const;
+    // Whether the segment, which is sound, takes a new value of that size, or one in the place of an old one.
+    bool HasRoomFor(const std::string& key, std::size_t size) const;
     // In the order of the segment; only what can be reached without running into damage.
     const std::vector<TSCacheValue>& Values() const { return m_values; }
 

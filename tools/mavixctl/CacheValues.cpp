@@ -4,6 +4,7 @@
 #include "Output.h"
 #include "Payload.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 #include <limits>
 #include <mavix-api/IPCCache_C.h>
@@ -89,17 +90,17 @@ EExitCode Get(const TSSettings& settings, const ValueOptions& options) {
 // A value for which there is no room would cost the cache all that it holds.
 void RequireRoom(const ValueOptions& options, std::size_t size) {
     const TCCachePage page(options.cacheName);
+    const std::string key = Address(options);
     if (page.State() != TCCachePage::EState::Complete)
         return;
-    std::size_t room = page.FreeBytes();
-    for (const TSCacheValue& value : page.Values()) {
-        if (value.key == Address(options) && !options.replaces)
-            return;
-        room += value.key == Address(options) ? value.bytes.size() : 0;
-    }
-    if (size + options.key.size() > room)
-        throw TCFailure(Refused, fmt::format("set {} failed: {} bytes are free; nothing is changed",
-                                             Printable(Address(options)), page.FreeBytes()));
+    const bool isThere = std::any_of(page.Values().begin(), page.Values().end(),
+                                     [&key](const TSCacheValue& value) { return value.key == key; });
+    // A value that is there keeps its place.
+    if ((!isThere || options.replaces) && !page.HasRoomFor(key, size))
+        throw TCFailure(Refused,
+                        fmt::format("set {} failed: no room for {} bytes and what keeps them in order; {} "
+                                    "bytes are free; nothing is changed",
+                                    Printable(key), size, page.FreeBytes()));
 }
 
 EExitCode Set(const TSSettings& settings, const ValueOptions& options) {

@@ -87,9 +87,54 @@ TEST_F(ControlCache, KeepsWhatACacheHoldsWhenThereIsNoRoom) {
     Store("key", "value");
     const ControlResult result = Cache({"set", "demo", "large", "str:" + std::string(4000, 'x')});
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.errors, "mavixctl: set large failed: 3840 bytes are free; nothing is changed\n");
+    EXPECT_EQ(result.errors,
+              "mavixctl: set large failed: no room for 4004 bytes and what keeps them in order; "
+              "3840 bytes are free; nothing is changed\n");
     EXPECT_EQ(Cache({"set", "demo", "key", "str:" + std::string(4000, 'x'), "--replace"}).status, 1);
     EXPECT_EQ(Stored("key"), "value");
+}
+
+// What the library itself would refuse, which costs the cache all that it holds, and no more than that.
+TEST_F(ControlCache, RefusesExactlyTheValuesForWhichThereIsNoRoom) {
+    int refused = 0;
+    int stored = 0;
+    for (std::size_t size = 3840 - 120; size <= 3840; size += 4) {
+        const std::string text(size - 1, 'x');
+        const std::string value = text + '\0';
+        ::unlink(memoryPath.c_str());
+        Store("key", "value");
+        const ControlResult result = Cache({"set", "demo", "large", "--id", "0xffffffff", "strz:" + text});
+        EXPECT_EQ(Stored("key"), "value") << size << " bytes";
+        if (result.status == 0) {
+            ++stored;
+            EXPECT_EQ(Stored("large65535:65535"), value) << size << " bytes";
+        } else {
+            ++refused;
+            Store("large65535:65535", value);
+            EXPECT_EQ(Stored("key"), "(none)") << size << " bytes have room";
+        }
+    }
+    EXPECT_GT(stored, 0);
+    EXPECT_GT(refused, 0);
+}
+
+TEST_F(ControlCache, RefusesAKeyForWhichThereIsNoRoom) {
+    Store("key", "value");
+    for (const std::size_t length : {4000u, 65536u + 60})
+        EXPECT_EQ(Cache({"set", "demo", std::string(length, 'k'), "c:1"}).status, 1) << length;
+    EXPECT_EQ(Stored("key"), "value");
+}
+
+TEST_F(ControlCache, RefusesAValueForWhichOnlyPiecesAreFree) {
+    for (int number = 0; number < 16; ++number)
+        Store("key" + std::to_string(number), std::string(160, 'x'));
+    for (int number = 0; number < 16; number += 2)
+        EXPECT_EQ(Cache({"reset", "demo", "key" + std::to_string(number)}).status, 0);
+    const std::string value = "str:" + std::string(1000, 'y');
+    EXPECT_EQ(Cache({"set", "demo", "large", value}).status, 1);
+    EXPECT_EQ(Cache({"set", "demo", "key1", value, "--replace"}).status, 1);
+    for (int number = 1; number < 16; number += 2)
+        EXPECT_EQ(Stored("key" + std::to_string(number)), std::string(160, 'x')) << number;
 }
 
 TEST_F(ControlCache, TellsWhyAValueWasNotStored) {
