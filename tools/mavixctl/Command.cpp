@@ -73,6 +73,16 @@ CLI::Validator Seconds() {
         "");
 }
 
+CLI::Validator InterfaceName() {
+    return CLI::Validator(
+        [](std::string& text) {
+            return IsInterfaceName(text)
+                       ? std::string()
+                       : "'" + text + "' is not an interface's name, such as com.norvale.IAVControl";
+        },
+        "");
+}
+
 void SetChoices(CLI::Option* option, const std::vector<std::string>& choices) {
     option->type_name(Join(choices, "|"));
     OfferChoices(option, choices);
@@ -108,13 +118,7 @@ CLI::Option* AddInterface(CLI::App& command, std::string& interfaceName) {
         .add_option("INTERFACE", interfaceName, "Name of the interface, such as com.norvale.IAVControl")
         ->required()
         ->type_name("")
-        ->check(CLI::Validator(
-            [](std::string& text) {
-                return IsInterfaceName(text)
-                           ? std::string()
-                           : "'" + text + "' is not an interface's name, such as " + "com.norvale.IAVControl";
-            },
-            ""));
+        ->check(InterfaceName());
 }
 
 CLI::Option* AddCode(CLI::App& command, std::int16_t& code) {

@@ -40,6 +40,7 @@ CLI::App* AddCommand(CLI::App& parent, TSSettings& settings, const std::string& 
 // Validators, which say what was expected. A number is decimal, or hexadecimal with 0x.
 CLI::Validator Number(std::int64_t lowest, std::int64_t highest);
 CLI::Validator Seconds();
+CLI::Validator InterfaceName();
 // One of the texts; completion offers them.
 void SetChoices(CLI::Option* option, const std::vector<std::string>& choices);
 // What completion offers, where other texts are taken, too.

@@ -35,7 +35,8 @@ CLI::Validator Type() {
 void TCMonitorFilter::AddOptions(CLI::App& command) {
     using Limits = std::numeric_limits<std::int16_t>;
     command.add_option("--interface", m_interface, "Only calls of this interface, and what answers them")
-        ->type_name("NAME");
+        ->type_name("NAME")
+        ->check(InterfaceName());
     command.add_option("--code", m_code, "Only calls of this function code, and what answers them")
         ->type_name("N")
         ->transform(Number(Limits::min(), Limits::max()));

@@ -103,6 +103,8 @@ TEST(Usage, SaysWhichArgumentIsWrongAndWhatWasExpected) {
         {{"listen", "Data", "--count", "0"}, "--count: '0' is not a whole number from 1 to 2147483647"},
         {{"listen", "Data", "--timeout", "1e7"}, "--timeout: '1e7'" + noSeconds},
 
+        {{"monitor", "--interface", "IAVControl"}, "--interface: 'IAVControl'" + noName},
+
         {{"session"}, "a command is missing, one of open, close, dump, terminated, trace"},
         {{"session", "begin"}, "'begin' is none of open, close, dump, terminated, trace"},
         {{"session", "open", "now"},
