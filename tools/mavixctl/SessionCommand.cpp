@@ -50,6 +50,15 @@ private:
     MavixApiLite::TCFileDescriptor m_file;
 };
 
+// Of a failed operation. The library logs each open and close as an error line of its own, also where it
+// succeeds. Where there is no other one, the service has answered -1 itself.
+std::string ReasonOf(const TCErrorLines& lines) {
+    const std::string reason = lines.Describe();
+    const bool isAnswer = !lines.HasLines() || reason.rfind("Open Session, ", 0) == 0 ||
+                          reason.rfind("Close Session, ", 0) == 0;
+    return isAnswer ? "the service answered -1" : reason;
+}
+
 // A result of the library's: 0 is success.
 EExitCode Report(const TSSettings& settings, const TCBusLink& link, const char* operation, int result,
                  const TCErrorLines& lines, const Json& more = Json::object()) {
@@ -60,9 +69,8 @@ EExitCode Report(const TSSettings& settings, const TCBusLink& link, const char* 
     } else if (result == 0 && more.empty()) {
         PrintLine(fmt::format("{}: {}", operation, Paint(EColour::Good, "done")));
     }
-    // The library logs each open and close as an error line of its own, also where it succeeds.
     if (result == -1)
-        PrintError(fmt::format("{} failed: {}", operation, lines.Describe()));
+        PrintError(fmt::format("{} failed: {}", operation, ReasonOf(lines)));
     else if (result != 0)
         PrintError(fmt::format("{} failed: the service answered {}", operation, result));
     // Whoever waits for it reads along.
@@ -109,9 +117,12 @@ EExitCode Close(const TSSettings& settings, const TCBusLink& link) {
     void* reply = nullptr;
     unsigned int size = 0;
     std::int32_t result = -1;
-    if (IPCConnection__Call("com.norvale.ISessionControl", closeCode, nullptr, 0, &reply, &size) &&
-        size >= sizeof result)
-        std::memcpy(&result, reply, sizeof result);
+    if (IPCConnection__Call("com.norvale.ISessionControl", closeCode, nullptr, 0, &reply, &size)) {
+        // As the library takes an answer that is too short.
+        result = 0;
+        if (size >= sizeof result)
+            std::memcpy(&result, reply, sizeof result);
+    }
     IPCConnection__CallDisposeOutputBuffer(reply);
     return Report(settings, link, "close", result, lines);
 }

@@ -87,6 +87,19 @@ TEST_F(ControlSession, TellsWhatTheServiceAnswersToANeedlessClose) {
     EXPECT_EQ(RunControl(Session({"close"})).output, "close: done\n");
 }
 
+TEST_F(ControlSession, TellsThatTheServiceItselfAnsweredMinusOne) {
+    const TCSimDriver::Bytes minusOne(4, 0xff);
+    m_lite.SetReply(interface, 0, MavixSim::Behaviour::Echo, minusOne);
+    EXPECT_EQ(RunControl(Session({"open"})).errors, "mavixctl: open failed: the service answered -1\n");
+    m_lite.ClearReplies();
+    m_lite.SetReply(interface, 1, MavixSim::Behaviour::Echo, minusOne);
+    EXPECT_EQ(RunControl(Session({"open", "--hold", "0"})).errors,
+              "mavixctl: close failed: the service answered -1\n");
+    const ControlResult directly = RunControl(Session({"close"}));
+    EXPECT_EQ(directly.errors, "mavixctl: close failed: the service answered -1\n");
+    EXPECT_EQ(directly.status, 1);
+}
+
 TEST_F(ControlSession, PrintsTheServicesText) {
     EXPECT_EQ(RunControl(Session({"dump"})).output, "no clients\n");
     TCControlProgram program(Session({"open"}));
