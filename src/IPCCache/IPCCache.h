@@ -13,7 +13,8 @@ struct TestAccess;
 class IPCCachePrivate;
 
 // Small named values in shared memory: one process writes, any number of processes read. Belongs to its
-// caller; any thread. What the guarantees are, and what is outside of them, stands in docs/cache.md.
+// caller; any thread. What the guarantees are, and what is outside of them, stands in the project's
+// docs/cache.md.
 class MAVIX_API_EXPORT IPCCache final {
 public:
     enum class AccessType { Read = 0, Write = 1 };
