@@ -18,7 +18,6 @@ if(mavix_sanitize)
   target_link_options(mavix-options INTERFACE ${mavix_sanitize})
 endif()
 if(MAVIX_COVERAGE)
-  target_compile_options(mavix-options INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(mavix-options INTERFACE --coverage)
 endif()
 

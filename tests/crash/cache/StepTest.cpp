@@ -15,15 +15,10 @@ namespace {
 
 constexpr unsigned int stride = 7;
 
-// Of the sections that are many times as long. Where most instructions are a sanitizer's, it is the others
+// Of the sections that are many times as long. Where most instructions are an instrument's, it is the others
 // that are as long, and these are left out.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool isSlow = true;
-constexpr unsigned int longSectionKills = 4;
-#else
-constexpr bool isSlow = false;
-constexpr unsigned int longSectionKills = 12;
-#endif
+constexpr bool isSlow = MAVIX_TEST_SCALE_DIVISOR != 1;
+constexpr unsigned int longSectionKills = isSlow ? 4 : 12;
 
 class StepKill : public CacheFixture {
 protected:
@@ -113,7 +108,7 @@ TEST_F(StepKill, WithinAWriteLeavesNoTornValueAndTheNextWriterRecovers) {
     std::uint64_t number = 0;
     for (const Row& row : rows) {
         if (isSlow && !row.fromGuard) {
-            std::printf("%s: left out under a sanitizer\n", row.name);
+            std::printf("%s: left out in a build with instruments\n", row.name);
             continue;
         }
         const auto prepare = [&] {
