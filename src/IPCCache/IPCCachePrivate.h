@@ -3,10 +3,10 @@
 
 #include "IPCCache.h"
 #include "RobustRWLock.h"
+#include "Segment.h"
 #include "SegmentView.h"
 
 #include <atomic>
-#include <boost/interprocess/managed_external_buffer.hpp>
 #include <boost/interprocess/mapped_region.hpp>
 #include <boost/interprocess/shared_memory_object.hpp>
 #include <memory>
@@ -36,11 +36,7 @@ private:
     friend class IPCCache;
     friend struct MavixApiLite::TestAccess;
 
-    using Manager = boost::interprocess::basic_managed_external_buffer<
-        char,
-        boost::interprocess::rbtree_best_fit<boost::interprocess::null_mutex_family,
-                                             boost::interprocess::offset_ptr<void>>,
-        boost::interprocess::iset_index>;
+    using Manager = MavixApiLite::TCSegment;
     using WriteGuard = std::atomic<int>;
 
     void m_InitReader();

@@ -2,9 +2,9 @@
 
 #include "Command.h"
 
+#include <IPCCache/Segment.h>
 #include <IPCCache/SegmentCheck.h>
 #include <IPCCache/SegmentView.h>
-#include <boost/interprocess/managed_external_buffer.hpp>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
@@ -142,12 +142,9 @@ std::size_t TCCachePage::FreeBytes() const {
 
 // Tried on a copy, as the library does it: bookkeeping takes room, too, and what is free may be in pieces.
 bool TCCachePage::HasRoomFor(const std::string& key, std::size_t size) const {
-    namespace ipc = boost::interprocess;
-    using Segment = ipc::basic_managed_external_buffer<
-        char, ipc::rbtree_best_fit<ipc::null_mutex_family, ipc::offset_ptr<void>>, ipc::iset_index>;
     std::vector<std::max_align_t> copy(m_page.size() / sizeof(std::max_align_t) + 1);
     std::memcpy(copy.data(), m_page.data(), m_page.size());
-    Segment segment(ipc::open_only, copy.data(), m_page.size());
+    MavixApiLite::TCSegment segment(boost::interprocess::open_only, copy.data(), m_page.size());
     segment.destroy<char>(key.c_str());
     // Boost takes a longer name for a short one.
     return size <= segment.get_free_memory() && key.size() <= Layout::longestName &&
