@@ -21,6 +21,8 @@ namespace {
 
 constexpr std::chrono::seconds commandGrace{5};
 constexpr std::chrono::seconds judgementLimit{20};
+// What asks the sandbox for its end.
+constexpr int endingSignals[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP};
 
 // What the stand-in service says of its scenario; false when it says nothing.
 bool PrintReport(const std::string& path) {
@@ -39,7 +41,7 @@ std::filesystem::path OwnFolder() {
 int EarlySignal() {
     sigset_t pending;
     ::sigpending(&pending);
-    for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP})
+    for (const int signal : endingSignals)
         if (::sigismember(&pending, signal) == 1)
             return signal;
     return 0;
@@ -66,7 +68,8 @@ std::string FindPolicy() {
 TCSandbox::TCSandbox(const SandboxOptions& options, Kept& kept) : m_options(options), m_kept(kept) {
     sigset_t handled;
     ::sigemptyset(&handled);
-    for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGCHLD})
+    ::sigaddset(&handled, SIGCHLD);
+    for (const int signal : endingSignals)
         ::sigaddset(&handled, signal);
     m_signals = TCDescriptor(::signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!m_signals)
